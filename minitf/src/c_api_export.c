@@ -1,0 +1,1 @@
+/* Anchor for the shared library; the code lives in minitf_core. */

@@ -1,0 +1,141 @@
+// The kernel interface. A kernel is made once per node and session from the
+// node's checked attributes (the prepare step: parse and validate attributes,
+// precompute what depends only on them) and then computes any number of
+// times, possibly from several threads at once: Compute is const and must
+// keep no per-call state in the kernel.
+#ifndef MINITF_KERNEL_H_
+#define MINITF_KERNEL_H_
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "op_def.h"
+#include "status.h"
+#include "tensor.h"
+
+namespace minitf {
+
+class ThreadPool;
+
+// What a kernel may read while it is being made.
+class KernelInit {
+ public:
+  KernelInit(const std::string& node_name, const AttrMap& attrs,
+             std::vector<DataType> input_types,
+             std::vector<DataType> output_types)
+      : node_name_(node_name),
+        attrs_(attrs),
+        input_types_(std::move(input_types)),
+        output_types_(std::move(output_types)) {}
+
+  const std::string& node_name() const { return node_name_; }
+  const std::vector<DataType>& input_types() const { return input_types_; }
+  const std::vector<DataType>& output_types() const { return output_types_; }
+
+  // Attribute readers. The attributes were checked on import against the op's
+  // declaration, so these fail only for names the op does not declare.
+  Status GetAttr(const std::string& name, int64_t* value) const;
+  Status GetAttr(const std::string& name, int* value) const;
+  Status GetAttr(const std::string& name, float* value) const;
+  Status GetAttr(const std::string& name, bool* value) const;
+  Status GetAttr(const std::string& name, DataType* value) const;
+  Status GetAttr(const std::string& name, std::string* value) const;
+  Status GetAttr(const std::string& name, std::vector<int64_t>* value) const;
+  Status GetAttr(const std::string& name, std::vector<int>* value) const;
+  Status GetAttr(const std::string& name, std::vector<float>* value) const;
+  Status GetAttr(const std::string& name, std::vector<DataType>* value) const;
+  // The raw attribute (for shapes and tensors), or null.
+  const pb::AttrValue* FindAttr(const std::string& name) const;
+
+  // An INVALID_ARGUMENT status naming this node.
+  template <typename... Args>
+  Status Error(const Args&... args) const {
+    return InvalidArgument(args..., " (node ", node_name_, ")");
+  }
+
+ private:
+  const std::string& node_name_;
+  const AttrMap& attrs_;
+  std::vector<DataType> input_types_;
+  std::vector<DataType> output_types_;
+};
+
+// What a kernel sees while it computes: its inputs, a place for each output,
+// and the intra-op thread pool.
+class OpContext {
+ public:
+  OpContext(const std::string& node_name, std::vector<const Tensor*> inputs,
+            std::vector<DataType> output_types, ThreadPool* pool)
+      : node_name_(node_name),
+        inputs_(std::move(inputs)),
+        output_types_(std::move(output_types)),
+        outputs_(output_types_.size()),
+        pool_(pool) {}
+
+  const std::string& node_name() const { return node_name_; }
+  int num_inputs() const { return static_cast<int>(inputs_.size()); }
+  const Tensor& input(int i) const { return *inputs_[i]; }
+  int num_outputs() const { return static_cast<int>(outputs_.size()); }
+  DataType output_type(int i) const { return output_types_[i]; }
+
+  // Allocates output `i` with its declared dtype and `shape`.
+  Status allocate_output(int i, const Shape& shape, Tensor** out);
+  // Sets output `i` to an existing tensor (e.g. an input, reshaped) without
+  // copying. Its dtype must be the declared one.
+  Status set_output(int i, Tensor tensor);
+  Tensor& output(int i) { return outputs_[i]; }
+  std::vector<Tensor>& outputs() { return outputs_; }
+
+  ThreadPool* pool() const { return pool_; }
+
+  // Runs fn(begin, end) over [0, total) on the intra-op pool, in chunks of
+  // at least enough elements to cover `cost_per_unit` times the overhead of a
+  // task. Runs inline when the work is small or no pool is set.
+  void ParallelFor(int64_t total, int64_t cost_per_unit,
+                   const std::function<void(int64_t, int64_t)>& fn) const;
+
+  // An INVALID_ARGUMENT status naming this node.
+  template <typename... Args>
+  Status Error(const Args&... args) const {
+    return InvalidArgument(args..., " (node ", node_name_, ")");
+  }
+
+ private:
+  const std::string& node_name_;
+  std::vector<const Tensor*> inputs_;
+  std::vector<DataType> output_types_;
+  std::vector<Tensor> outputs_;
+  ThreadPool* pool_;
+};
+
+class OpKernel {
+ public:
+  virtual ~OpKernel() = default;
+  virtual Status Compute(OpContext* ctx) const = 0;
+};
+
+using KernelFactory = Status (*)(const KernelInit& init,
+                                 std::unique_ptr<OpKernel>* kernel);
+
+// The usual factory: K is default-constructible and has
+// `Status Init(const KernelInit&)` for its prepare step.
+template <typename K>
+Status MakeKernel(const KernelInit& init, std::unique_ptr<OpKernel>* kernel) {
+  auto k = std::make_unique<K>();
+  MINITF_RETURN_IF_ERROR(k->Init(init));
+  *kernel = std::move(k);
+  return Status::OK();
+}
+
+// Checks a condition inside Compute or Init and returns an INVALID_ARGUMENT
+// naming the node and the failed condition.
+#define MINITF_ENSURE(ctx, cond, ...)                                   \
+  do {                                                                  \
+    if (!(cond)) return (ctx)->Error("check failed: " #cond ": ", ##__VA_ARGS__); \
+  } while (0)
+
+}  // namespace minitf
+
+#endif  // MINITF_KERNEL_H_

@@ -1,0 +1,77 @@
+// Sessions: pruned, cached execution plans over a graph, run by a simple
+// in-order executor that frees every intermediate after its last use.
+#ifndef MINITF_SESSION_H_
+#define MINITF_SESSION_H_
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "config.pb.h"
+#include "graph.h"
+#include "kernel.h"
+#include "tensor.h"
+
+namespace minitf {
+
+class ThreadPool;
+
+struct SessionConfig {
+  int intra_op_threads = 0;  // 0: one per core
+  int inter_op_threads = 0;
+  bool allow_soft_placement = false;
+
+  static SessionConfig FromProto(const pb::ConfigProto& proto);
+};
+
+struct Feed {
+  const Node* node;
+  int index;
+  Tensor value;
+};
+
+struct Fetch {
+  const Node* node;
+  int index;
+};
+
+class Plan;
+
+class Session {
+ public:
+  Session(const Graph* graph, const SessionConfig& config);
+  ~Session();
+
+  // Feeds, computes `fetches` and runs `targets`. Thread-safe. Fetched
+  // tensors never alias memory the caller lent through a feed.
+  Status Run(const std::vector<Feed>& feeds, const std::vector<Fetch>& fetches,
+             const std::vector<const Node*>& targets, std::vector<Tensor>* outputs);
+
+  void Close();
+
+ private:
+  Status GetPlan(const std::vector<Feed>& feeds, const std::vector<Fetch>& fetches,
+                 const std::vector<const Node*>& targets, std::shared_ptr<const Plan>* plan);
+  Status BuildPlan(const std::vector<Feed>& feeds, const std::vector<Fetch>& fetches,
+                   const std::vector<const Node*>& targets, std::shared_ptr<const Plan>* plan);
+  Status KernelFor(const Node* node, const OpKernel** kernel);
+
+  const Graph* graph_;
+  SessionConfig config_;
+  ThreadPool* pool_;
+  std::mutex mu_;
+  bool closed_ = false;
+  std::map<std::string, std::shared_ptr<const Plan>> plans_;
+  std::unordered_map<const Node*, std::unique_ptr<OpKernel>> kernels_;
+};
+
+// Whether `device` names the local CPU (or nothing); false for any other
+// device, malformed names included.
+bool IsLocalCpuDevice(const std::string& device);
+
+}  // namespace minitf
+
+#endif  // MINITF_SESSION_H_

@@ -1,0 +1,20 @@
+// Conversion of TensorProto values (Const nodes, attributes) to tensors.
+#ifndef MINITF_TENSOR_PROTO_H_
+#define MINITF_TENSOR_PROTO_H_
+
+#include "status.h"
+#include "tensor.h"
+#include "tensor.pb.h"
+
+namespace minitf {
+
+// Checks the shape and the payload size (tensor_content must hold exactly
+// the bytes of the shape; a typed value list may be shorter, its last value
+// repeating, as TensorFlow does) and builds an owned tensor.
+Status TensorFromProto(const pb::TensorProto& proto, Tensor* out);
+
+Status ShapeFromProto(const pb::TensorShapeProto& proto, Shape* out);
+
+}  // namespace minitf
+
+#endif  // MINITF_TENSOR_PROTO_H_

@@ -1,0 +1,106 @@
+#include "thread_pool.h"
+
+#include <algorithm>
+#include <atomic>
+#include <map>
+
+namespace minitf {
+
+ThreadPool::ThreadPool(int num_threads) : num_threads_(std::max(1, num_threads)) {
+  for (int i = 1; i < num_threads_; ++i) {
+    workers_.emplace_back([this] { WorkerLoop(); });
+  }
+}
+
+ThreadPool::~ThreadPool() {
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    stopping_ = true;
+  }
+  cv_.notify_all();
+  for (auto& t : workers_) t.join();
+}
+
+ThreadPool* ThreadPool::Shared(int num_threads) {
+  num_threads = std::clamp(num_threads, 1, 64);
+  static std::mutex mu;
+  // Pools live for the whole process: sessions may be deleted from any
+  // thread, and joining workers at exit would race with late users.
+  static auto* pools = new std::map<int, ThreadPool*>;
+  std::lock_guard<std::mutex> lock(mu);
+  ThreadPool*& pool = (*pools)[num_threads];
+  if (pool == nullptr) pool = new ThreadPool(num_threads);
+  return pool;
+}
+
+void ThreadPool::WorkerLoop() {
+  for (;;) {
+    std::function<void()> task;
+    {
+      std::unique_lock<std::mutex> lock(mu_);
+      cv_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+      if (queue_.empty()) return;
+      task = std::move(queue_.front());
+      queue_.pop_front();
+    }
+    task();
+  }
+}
+
+void ThreadPool::ParallelFor(int64_t total, int64_t min_block,
+                             const std::function<void(int64_t, int64_t)>& fn) {
+  if (total <= 0) return;
+  min_block = std::max<int64_t>(1, min_block);
+  const int64_t blocks =
+      std::min<int64_t>(num_threads_, (total + min_block - 1) / min_block);
+  if (blocks <= 1) {
+    fn(0, total);
+    return;
+  }
+  const int64_t step = (total + blocks - 1) / blocks;
+  struct Join {
+    std::mutex mu;
+    std::condition_variable cv;
+    int64_t pending;
+  };
+  auto join = std::make_shared<Join>();
+  join->pending = blocks - 1;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    for (int64_t b = 1; b < blocks; ++b) {
+      const int64_t begin = b * step, end = std::min(total, begin + step);
+      queue_.emplace_back([join, &fn, begin, end] {
+        if (begin < end) fn(begin, end);
+        std::lock_guard<std::mutex> l(join->mu);
+        if (--join->pending == 0) join->cv.notify_all();
+      });
+    }
+  }
+  cv_.notify_all();
+  fn(0, std::min(total, step));
+  // Help with queued work (ours or another caller's) instead of idling, so
+  // concurrent callers can never starve each other of workers.
+  for (;;) {
+    {
+      std::unique_lock<std::mutex> l(join->mu);
+      if (join->pending == 0) return;
+    }
+    std::function<void()> task;
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      if (!queue_.empty()) {
+        task = std::move(queue_.front());
+        queue_.pop_front();
+      }
+    }
+    if (task) {
+      task();
+    } else {
+      std::unique_lock<std::mutex> l(join->mu);
+      join->cv.wait(l, [&] { return join->pending == 0; });
+      return;
+    }
+  }
+}
+
+}  // namespace minitf

@@ -1,0 +1,246 @@
+// Graph import: what a GraphDef must satisfy, and the errors when it does not.
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "support/graph_builder.h"
+#include "support/tf_session.h"
+
+namespace {
+
+using testing_support::GraphBuilder;
+using testing_support::ShapeAttr;
+
+struct ImportResult {
+  TF_Code code;
+  std::string message;
+  int num_ops;
+};
+
+ImportResult Import(const std::string& bytes, const char* prefix = nullptr,
+                    const char* device = nullptr, TF_Graph* into = nullptr) {
+  TF_Graph* graph = into ? into : TF_NewGraph();
+  TF_Status* status = TF_NewStatus();
+  TF_Buffer* buffer = TF_NewBufferFromString(bytes.data(), bytes.size());
+  TF_ImportGraphDefOptions* opts = TF_NewImportGraphDefOptions();
+  if (prefix) TF_ImportGraphDefOptionsSetPrefix(opts, prefix);
+  if (device) TF_ImportGraphDefOptionsSetDefaultDevice(opts, device);
+  TF_GraphImportGraphDef(graph, buffer, opts, status);
+  ImportResult r{TF_GetCode(status), TF_Message(status), 0};
+  size_t pos = 0;
+  while (TF_GraphNextOperation(graph, &pos) != nullptr) ++r.num_ops;
+  TF_DeleteImportGraphDefOptions(opts);
+  TF_DeleteBuffer(buffer);
+  TF_DeleteStatus(status);
+  if (!into) TF_DeleteGraph(graph);
+  return r;
+}
+
+GraphBuilder AddGraph() {
+  GraphBuilder g;
+  g.Placeholder("x", TF_FLOAT, ShapeAttr{{2}});
+  g.Const<float>("c", {2}, {1.f, 2.f});
+  g.Binary("AddV2", "sum", "x", "c");
+  return g;
+}
+
+TEST(ImportTest, ValidGraphExposesOperations) {
+  TF_Graph* graph = TF_NewGraph();
+  ImportResult r = Import(AddGraph().Serialize(), nullptr, "/device:CPU:0", graph);
+  ASSERT_EQ(r.code, TF_OK) << r.message;
+  EXPECT_EQ(r.num_ops, 3);
+  TF_Operation* sum = TF_GraphOperationByName(graph, "sum");
+  ASSERT_NE(sum, nullptr);
+  EXPECT_STREQ(TF_OperationName(sum), "sum");
+  EXPECT_STREQ(TF_OperationOpType(sum), "AddV2");
+  EXPECT_STREQ(TF_OperationDevice(sum), "/device:CPU:0");  // default device applied
+  EXPECT_EQ(TF_OperationNumInputs(sum), 2);
+  EXPECT_EQ(TF_OperationNumOutputs(sum), 1);
+  EXPECT_EQ(TF_OperationOutputType(TF_Output{sum, 0}), TF_FLOAT);
+  EXPECT_EQ(TF_GraphOperationByName(graph, "missing"), nullptr);
+  TF_DeleteGraph(graph);
+}
+
+TEST(ImportTest, ExplicitDeviceIsKeptOverDefault) {
+  GraphBuilder g;
+  g.Placeholder("x", TF_FLOAT);
+  g.Node("Identity", "y").Input("x").Attr("T", TF_FLOAT).Device("/device:GPU:0");
+  TF_Graph* graph = TF_NewGraph();
+  ASSERT_EQ(Import(g.Serialize(), nullptr, "/cpu:0", graph).code, TF_OK);
+  EXPECT_STREQ(TF_OperationDevice(TF_GraphOperationByName(graph, "y")), "/device:GPU:0");
+  EXPECT_STREQ(TF_OperationDevice(TF_GraphOperationByName(graph, "x")), "/cpu:0");
+  TF_DeleteGraph(graph);
+}
+
+TEST(ImportTest, PrefixRenamesNodesAndInputs) {
+  TF_Graph* graph = TF_NewGraph();
+  ASSERT_EQ(Import(AddGraph().Serialize(), "a", nullptr, graph).code, TF_OK);
+  // The same graph again under another prefix: no clash.
+  ASSERT_EQ(Import(AddGraph().Serialize(), "b", nullptr, graph).code, TF_OK);
+  EXPECT_NE(TF_GraphOperationByName(graph, "a/sum"), nullptr);
+  EXPECT_NE(TF_GraphOperationByName(graph, "b/x"), nullptr);
+  EXPECT_EQ(TF_GraphOperationByName(graph, "sum"), nullptr);
+  // Without a prefix the names clash and nothing is added.
+  ImportResult again = Import(AddGraph().Serialize(), "a", nullptr, graph);
+  EXPECT_EQ(again.code, TF_INVALID_ARGUMENT);
+  EXPECT_EQ(again.num_ops, 6);
+  TF_DeleteGraph(graph);
+}
+
+TEST(ImportTest, DefaultAttributesAreFilledAndSerialised) {
+  GraphBuilder g;
+  g.Node("Placeholder", "x").Attr("dtype", TF_INT32);  // shape omitted: default
+  TF_Graph* graph = TF_NewGraph();
+  ASSERT_EQ(Import(g.Serialize(), nullptr, nullptr, graph).code, TF_OK);
+  TF_Buffer* out = TF_NewBuffer();
+  TF_Status* status = TF_NewStatus();
+  TF_GraphToGraphDef(graph, out, status);
+  ASSERT_EQ(TF_GetCode(status), TF_OK);
+  minitf::pb::GraphDef def;
+  ASSERT_TRUE(def.ParseFromArray(out->data, static_cast<int>(out->length)));
+  ASSERT_EQ(def.node_size(), 1);
+  ASSERT_TRUE(def.node(0).attr().count("shape"));
+  EXPECT_TRUE(def.node(0).attr().at("shape").shape().unknown_rank());
+  // A buffer that already holds data is refused.
+  TF_GraphToGraphDef(graph, out, status);
+  EXPECT_EQ(TF_GetCode(status), TF_INVALID_ARGUMENT);
+  TF_DeleteBuffer(out);
+  TF_DeleteStatus(status);
+  TF_DeleteGraph(graph);
+}
+
+TEST(ImportTest, MalformedGraphsAreRejectedNamingTheNode) {
+  struct Case {
+    const char* what;
+    GraphBuilder graph;
+    TF_Code code;
+    const char* needle;
+  };
+  std::vector<Case> cases;
+  {
+    GraphBuilder g;
+    g.Node("NoSuchOp", "weird");
+    cases.push_back({"unknown op", g, TF_NOT_FOUND, "NoSuchOp"});
+  }
+  {
+    GraphBuilder g;
+    g.Placeholder("x", TF_FLOAT);
+    g.Node("Identity", "y").Input("nowhere").Attr("T", TF_FLOAT);
+    cases.push_back({"dangling input", g, TF_INVALID_ARGUMENT, "nowhere"});
+  }
+  {
+    GraphBuilder g;
+    g.Placeholder("x", TF_FLOAT);
+    g.Node("Identity", "y").Input("x:1").Attr("T", TF_FLOAT);
+    cases.push_back({"output index out of range", g, TF_INVALID_ARGUMENT, "'y'"});
+  }
+  {
+    GraphBuilder g;
+    g.Placeholder("x", TF_FLOAT);
+    g.Placeholder("x", TF_FLOAT);
+    cases.push_back({"duplicate names", g, TF_INVALID_ARGUMENT, "'x'"});
+  }
+  {
+    GraphBuilder g;
+    g.Node("Identity", "a").Input("b").Attr("T", TF_FLOAT);
+    g.Node("Identity", "b").Input("a").Attr("T", TF_FLOAT);
+    cases.push_back({"cycle", g, TF_INVALID_ARGUMENT, "cycle"});
+  }
+  {
+    GraphBuilder g;
+    g.Placeholder("x", TF_FLOAT);
+    g.Node("Identity", "self").Input("x").Input("^self").Attr("T", TF_FLOAT);
+    cases.push_back({"control self-loop", g, TF_INVALID_ARGUMENT, "cycle"});
+  }
+  {
+    GraphBuilder g;
+    g.Node("Placeholder", "x").Attr("dtype", 3.5f);
+    cases.push_back({"attribute of the wrong kind", g, TF_INVALID_ARGUMENT, "dtype"});
+  }
+  {
+    GraphBuilder g;
+    g.Node("Identity", "y");
+    cases.push_back({"missing attribute", g, TF_INVALID_ARGUMENT, "'y'"});
+  }
+  {
+    GraphBuilder g;
+    g.Placeholder("x", TF_INT32);
+    g.Node("Identity", "y").Input("x").Attr("T", TF_FLOAT);
+    cases.push_back({"input dtype mismatch", g, TF_INVALID_ARGUMENT, "int32"});
+  }
+  {
+    GraphBuilder g;
+    g.Placeholder("x", TF_FLOAT);
+    g.Node("Identity", "y").Input("x").Input("x").Attr("T", TF_FLOAT);
+    cases.push_back({"too many inputs", g, TF_INVALID_ARGUMENT, "'y'"});
+  }
+  {
+    GraphBuilder g;
+    g.Placeholder("x", TF_FLOAT);
+    g.Node("Identity", "y").Input("^x").Input("x").Attr("T", TF_FLOAT);
+    cases.push_back({"data input after control input", g, TF_INVALID_ARGUMENT, "'y'"});
+  }
+  {
+    GraphBuilder g;
+    g.Placeholder("bad name!", TF_FLOAT);
+    cases.push_back({"invalid node name", g, TF_INVALID_ARGUMENT, "bad name!"});
+  }
+  {
+    GraphBuilder g;
+    g.Node("Placeholder", "x").Attr("dtype", static_cast<TF_DataType>(101));
+    cases.push_back({"reference dtype", g, TF_INVALID_ARGUMENT, "dtype"});
+  }
+  {
+    GraphBuilder g;
+    g.Node("IdentityN", "n").Attr("T", std::vector<TF_DataType>{});
+    cases.push_back({"list below its minimum length", g, TF_INVALID_ARGUMENT, "minimum"});
+  }
+  for (Case& c : cases) {
+    ImportResult r = Import(c.graph.Serialize());
+    EXPECT_EQ(r.code, c.code) << c.what << ": " << r.message;
+    EXPECT_NE(r.message.find(c.needle), std::string::npos) << c.what << ": " << r.message;
+    EXPECT_EQ(r.num_ops, 0) << c.what << ": a failed import must leave the graph unchanged";
+  }
+}
+
+TEST(ImportTest, GarbageBytesNeverCrash) {
+  EXPECT_EQ(Import("\xff\xff\xff\xff garbage").code, TF_INVALID_ARGUMENT);
+  EXPECT_EQ(Import(std::string("\x0a\x05\x0a\x03", 4)).code, TF_INVALID_ARGUMENT);  // truncated
+  EXPECT_EQ(Import("").code, TF_OK);  // an empty GraphDef is a valid, empty graph
+  // Every prefix of a valid graph, and single-byte corruptions of it, end in
+  // a status, never a crash.
+  const std::string valid = AddGraph().Serialize();
+  for (size_t n = 0; n < valid.size(); ++n) {
+    ImportResult r = Import(valid.substr(0, n));
+    EXPECT_TRUE(r.code == TF_OK || r.code == TF_INVALID_ARGUMENT || r.code == TF_NOT_FOUND) << n;
+  }
+  std::mt19937 rng(7);
+  for (int i = 0; i < 500; ++i) {
+    std::string corrupt = valid;
+    corrupt[rng() % corrupt.size()] = static_cast<char>(rng());
+    ImportResult r = Import(corrupt);
+    EXPECT_NE(r.code, TF_INTERNAL) << r.message;
+  }
+}
+
+TEST(ImportTest, NullArgumentsAreErrors) {
+  TF_Status* status = TF_NewStatus();
+  TF_GraphImportGraphDef(nullptr, nullptr, nullptr, status);
+  EXPECT_EQ(TF_GetCode(status), TF_INVALID_ARGUMENT);
+  TF_Graph* graph = TF_NewGraph();
+  TF_Buffer buffer{nullptr, 10, nullptr};
+  TF_GraphImportGraphDef(graph, &buffer, nullptr, status);
+  EXPECT_EQ(TF_GetCode(status), TF_INVALID_ARGUMENT);
+  TF_Output out;
+  const std::string bytes = AddGraph().Serialize();
+  TF_Buffer* b = TF_NewBufferFromString(bytes.data(), bytes.size());
+  TF_GraphImportGraphDefWithReturnOutputs(graph, b, nullptr, &out, 1, status);
+  EXPECT_EQ(TF_GetCode(status), TF_INVALID_ARGUMENT);
+  TF_GraphImportGraphDefWithReturnOutputs(graph, b, nullptr, nullptr, 0, status);
+  EXPECT_EQ(TF_GetCode(status), TF_OK) << TF_Message(status);
+  TF_DeleteBuffer(b);
+  TF_DeleteGraph(graph);
+  TF_DeleteStatus(status);
+}
+
+}  // namespace
