@@ -1,0 +1,281 @@
+// The model runtime: error state and its lock, graph import and session
+// opening, and the per-run helpers every model class uses.
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "config.pb.h"
+#include "interface/MemoryManager.h"
+#include "library/library_test_util.h"
+#include "runtime/BaseModel.h"
+#include "runtime/TFCommon.h"
+#include "support/graph_builder.h"
+#include "support/tf_session.h"
+
+namespace {
+
+using library_test::GarbageGraph;
+using library_test::IdentityGraph;
+using library_test::LockIsFree;
+using library_test::OptionsFor;
+
+class TfInvokerErrorState : public ::testing::Test {
+ protected:
+  void SetUp() override { invoker_.status = TF_NewStatus(); }
+  void TearDown() override { TF_DeleteStatus(invoker_.status); }
+  TfInvoker invoker_;
+};
+
+TEST_F(TfInvokerErrorState, SetErrorStateReplacesOrKeepsTheMessage) {
+  invoker_.SetErrorState("first");
+  EXPECT_TRUE(invoker_.errorFlag);
+  EXPECT_EQ(invoker_.errorMessage, "first");
+  invoker_.errorFlag = false;
+  invoker_.SetErrorState(nullptr);
+  EXPECT_TRUE(invoker_.errorFlag);
+  EXPECT_EQ(invoker_.errorMessage, "first");
+  EXPECT_TRUE(LockIsFree(invoker_.lock));
+}
+
+TEST_F(TfInvokerErrorState, FailedCheckKeepsTheLockOkCheckClearsTheFlag) {
+  TF_SetStatus(invoker_.status, TF_INTERNAL, "kernel broke");
+  EXPECT_FALSE(invoker_.CheckStatus());
+  EXPECT_TRUE(invoker_.errorFlag);
+  EXPECT_EQ(invoker_.errorMessage, "kernel broke");
+  EXPECT_FALSE(LockIsFree(invoker_.lock));
+  invoker_.lock.unlock();  // this thread took it in CheckStatus
+
+  TF_SetStatus(invoker_.status, TF_OK, nullptr);
+  EXPECT_TRUE(invoker_.CheckStatus());
+  EXPECT_FALSE(invoker_.errorFlag);
+  EXPECT_EQ(invoker_.errorMessage, "kernel broke");
+  EXPECT_TRUE(LockIsFree(invoker_.lock));
+}
+
+TEST(SessionConfig, BytesAreTheFixedConfigProto) {
+  const unsigned char expected[15] = {0x32, 0x0b, 0x09, 0x33, 0x33, 0x33, 0x33, 0x33,
+                                      0x33, 0xe3, 0x3f, 0x20, 0x01, 0x38, 0x01};
+  ASSERT_EQ(TFCommon::kSessionConfigLength, 15u);
+  EXPECT_EQ(std::memcmp(TFCommon::SessionConfigBytes, expected, 15), 0);
+
+  minitf::pb::ConfigProto config;
+  ASSERT_TRUE(config.ParseFromArray(TFCommon::SessionConfigBytes, 15));
+  EXPECT_EQ(config.gpu_options().per_process_gpu_memory_fraction(), 0.6);
+  EXPECT_TRUE(config.gpu_options().allow_growth());
+  EXPECT_TRUE(config.allow_soft_placement());
+  EXPECT_EQ(config.intra_op_parallelism_threads(), 0);
+}
+
+// A model that feeds one float vector to `input` and returns `output`,
+// written with the helpers the model classes use.
+class EchoModel : public BaseModel {
+ public:
+  using BaseModel::BaseModel;
+
+  FloatVector* Echo(std::vector<float>& values, const char* input = "x",
+                    const char* output = "y", TF_DataType fed = TF_FLOAT) {
+    if (!CheckStatus()) return nullptr;
+    TF_Output inputs[1];
+    if (!FindInput(input, &inputs[0])) return nullptr;
+    const auto count = static_cast<int64_t>(values.size());
+    TF_Tensor* inputValues[1] = {
+        TFCommon::BorrowTensor(fed, {count}, values.data(), values.size() * sizeof(float))};
+    TF_Output outputs[1];
+    if (!FindOutput(output, &outputs[0])) {
+      TFCommon::DeleteTensors(inputValues, 1);
+      return nullptr;
+    }
+    TF_Tensor* outputValues[1] = {nullptr};
+    RunSession(inputs, inputValues, outputs, outputValues);
+    if (!CheckStatus()) {
+      TFCommon::DeleteTensors({inputValues[0], outputValues[0]});
+      return nullptr;
+    }
+    FloatVector* result = TFCommon::CopyToFloatVector(
+        outputValues[0], static_cast<int>(TFCommon::Dim(outputValues[0], 0)));
+    TFCommon::DeleteTensors({inputValues[0], outputValues[0]});
+    return result;
+  }
+};
+
+struct FloatVectorDeleter {
+  void operator()(FloatVector* v) const { DisposeFloatVector(v); }
+};
+using FloatVectorPtr = std::unique_ptr<FloatVector, FloatVectorDeleter>;
+
+std::vector<float> ValuesOf(const FloatVector* v) {
+  return std::vector<float>(v->values, v->values + v->count);
+}
+
+TEST(BaseModelConstruction, ValidGraphOpensASession) {
+  const std::string graph = IdentityGraph();
+  auto model = std::make_unique<EchoModel>(OptionsFor(graph));
+  EXPECT_FALSE(model->errorFlag);
+  EXPECT_EQ(model->errorMessage, "");
+  EXPECT_NE(model->session, nullptr);
+  EXPECT_NE(TF_GraphOperationByName(model->graph, "y"), nullptr);
+  EXPECT_TRUE(LockIsFree(model->lock));
+}
+
+TEST(BaseModelConstruction, GraphBytesAreReadOnlyDuringConstruction) {
+  std::string graph = IdentityGraph();
+  auto model = std::make_unique<EchoModel>(OptionsFor(graph));
+  graph.assign(graph.size(), '\0');  // the host may reuse its buffer
+  std::vector<float> values = {4.0f};
+  FloatVectorPtr out(model->Echo(values));
+  ASSERT_NE(out, nullptr) << model->errorMessage;
+  EXPECT_EQ(ValuesOf(out.get()), std::vector<float>{4.0f});
+}
+
+TEST(BaseModelConstruction, MissingDeviceFallsBackUnderSoftPlacement) {
+  // Only the session configuration's soft placement lets this graph run.
+  const std::string graph = IdentityGraph();
+  auto model = std::make_unique<EchoModel>(OptionsFor(graph, "/device:GPU:0"));
+  ASSERT_FALSE(model->errorFlag) << model->errorMessage;
+  std::vector<float> values = {1.0f, 2.0f};
+  FloatVectorPtr out(model->Echo(values));
+  ASSERT_NE(out, nullptr) << model->errorMessage;
+  EXPECT_EQ(ValuesOf(out.get()), (std::vector<float>{1.0f, 2.0f}));
+}
+
+// The import's own message, obtained straight from the C API.
+std::string ImportMessage(const std::string& graph) {
+  testing_support::TestSession session(graph);
+  EXPECT_NE(session.code(), TF_OK);
+  return session.message();
+}
+
+TEST(BaseModelConstruction, FailedImportLeavesNoSessionAndTheLockHeld) {
+  const std::string graph = GarbageGraph();
+  auto* model = new BaseModel(OptionsFor(graph));
+  EXPECT_TRUE(model->errorFlag);
+  EXPECT_FALSE(model->errorMessage.empty());
+  EXPECT_EQ(model->errorMessage, ImportMessage(graph));
+  EXPECT_EQ(model->session, nullptr);
+  EXPECT_FALSE(LockIsFree(model->lock));
+  // The constructor ran on this thread, so this thread may release it; only
+  // then can the model be disposed without waiting.
+  model->lock.unlock();
+  DisposeModel(model);
+}
+
+TEST(BaseModelConstruction, UnregisteredOpIsReportedWithTheNodeName) {
+  testing_support::GraphBuilder g;
+  g.Placeholder("x", TF_FLOAT);
+  g.Node("NoSuchOpAnywhere", "mystery").Input("x");
+  const std::string graph = g.Serialize();
+  auto* model = new BaseModel(OptionsFor(graph));
+  EXPECT_TRUE(model->errorFlag);
+  EXPECT_NE(model->errorMessage.find("mystery"), std::string::npos) << model->errorMessage;
+  EXPECT_EQ(model->errorMessage, ImportMessage(graph));
+  EXPECT_EQ(model->session, nullptr);
+  EXPECT_FALSE(LockIsFree(model->lock));
+  model->lock.unlock();
+  DisposeModel(model);
+}
+
+class RunDiscipline : public ::testing::Test {
+ protected:
+  std::string graph_ = IdentityGraph();
+  EchoModel model_{OptionsFor(graph_)};
+};
+
+TEST_F(RunDiscipline, SuccessfulRunCopiesTheOutput) {
+  std::vector<float> values = {1.5f, -2.0f, 3.25f};
+  FloatVectorPtr out(model_.Echo(values));
+  ASSERT_NE(out, nullptr);
+  EXPECT_EQ(ValuesOf(out.get()), (std::vector<float>{1.5f, -2.0f, 3.25f}));
+  // The input was borrowed, not freed or altered.
+  EXPECT_EQ(values, (std::vector<float>{1.5f, -2.0f, 3.25f}));
+  EXPECT_FALSE(model_.errorFlag);
+  EXPECT_TRUE(LockIsFree(model_.lock));
+}
+
+TEST_F(RunDiscipline, MissingNodesAreReportedAndReleaseTheLock) {
+  std::vector<float> values = {1.0f};
+  EXPECT_EQ(model_.Echo(values, "nope"), nullptr);
+  EXPECT_TRUE(model_.errorFlag);
+  EXPECT_EQ(model_.errorMessage, "InOp not found");
+  EXPECT_TRUE(LockIsFree(model_.lock));
+
+  EXPECT_EQ(model_.Echo(values, "x", "nope"), nullptr);
+  EXPECT_TRUE(model_.errorFlag);
+  EXPECT_EQ(model_.errorMessage, "OutOp not found");
+  EXPECT_TRUE(LockIsFree(model_.lock));
+}
+
+TEST_F(RunDiscipline, SuccessClearsTheFlagButNotTheMessage) {
+  std::vector<float> values = {7.0f};
+  EXPECT_EQ(model_.Echo(values, "x", "nope"), nullptr);
+  FloatVectorPtr out(model_.Echo(values));
+  ASSERT_NE(out, nullptr);
+  EXPECT_FALSE(model_.errorFlag);
+
+  ProcessResult result{nullptr, nullptr};
+  MemoryManager::FillProcessResult(&result, &model_, out.get());
+  EXPECT_EQ(result.payload, out.get());
+  EXPECT_EQ(result.error->code, 0);
+  ASSERT_NE(result.error->message, nullptr);
+  EXPECT_EQ(std::memcmp(result.error->message, "OutOp not found", 15), 0);
+  DisposeModelProcessResult(&result);
+}
+
+TEST_F(RunDiscipline, FailedRunKeepsTheMessageAndTheLock) {
+  // Float bytes fed as int32: the placeholder's type check fails the run.
+  std::vector<float> values = {1.0f, 2.0f};
+  EXPECT_EQ(model_.Echo(values, "x", "y", TF_INT32), nullptr);
+  EXPECT_TRUE(model_.errorFlag);
+  EXPECT_FALSE(model_.errorMessage.empty());
+  EXPECT_FALSE(LockIsFree(model_.lock));
+  model_.lock.unlock();
+
+  // The same feed straight through the C API gives the same message.
+  testing_support::TestSession session(graph_);
+  ASSERT_EQ(session.code(), TF_OK);
+  auto fed = testing_support::MakeTensor<int32_t>({2}, {1, 2});
+  std::vector<testing_support::TensorPtr> outputs;
+  EXPECT_NE(session.Run({{"x", fed.get()}}, {"y"}, &outputs), TF_OK);
+  EXPECT_EQ(model_.errorMessage, session.last_error());
+}
+
+TEST(TensorHelpers, BorrowedTensorPointsAtTheCallersMemory) {
+  float data[6] = {1, 2, 3, 4, 5, 6};
+  TF_Tensor* tensor = TFCommon::BorrowTensor(TF_FLOAT, {2, 3}, data, sizeof(data));
+  ASSERT_NE(tensor, nullptr);
+  EXPECT_EQ(TF_TensorData(tensor), static_cast<void*>(data));
+  EXPECT_EQ(TF_NumDims(tensor), 2);
+  EXPECT_EQ(TF_Dim(tensor, 1), 3);
+  TFCommon::DeleteTensors({tensor, nullptr});
+  EXPECT_EQ(data[5], 6.0f);  // deleting the tensor freed nothing of ours
+}
+
+TEST(TensorHelpers, DimIsZeroOutsideTheShape) {
+  float data[6] = {};
+  TF_Tensor* tensor = TFCommon::BorrowTensor(TF_FLOAT, {2, 3}, data, sizeof(data));
+  EXPECT_EQ(TFCommon::Dim(tensor, 0), 2);
+  EXPECT_EQ(TFCommon::Dim(tensor, 1), 3);
+  EXPECT_EQ(TFCommon::Dim(tensor, 2), 0);
+  EXPECT_EQ(TFCommon::Dim(tensor, -1), 0);
+  EXPECT_EQ(TFCommon::Dim(nullptr, 0), 0);
+  TF_DeleteTensor(tensor);
+}
+
+TEST(TensorHelpers, CopyToFloatVectorNeverReadsPastTheTensor) {
+  float data[6] = {0.5f, 1.5f, 2.5f, 3.5f, 4.5f, 5.5f};
+  TF_Tensor* tensor = TFCommon::BorrowTensor(TF_FLOAT, {2, 3}, data, sizeof(data));
+  FloatVectorPtr head(TFCommon::CopyToFloatVector(tensor, 4));
+  EXPECT_EQ(ValuesOf(head.get()), (std::vector<float>{0.5f, 1.5f, 2.5f, 3.5f}));
+  FloatVectorPtr longer(TFCommon::CopyToFloatVector(tensor, 8));
+  EXPECT_EQ(ValuesOf(longer.get()),
+            (std::vector<float>{0.5f, 1.5f, 2.5f, 3.5f, 4.5f, 5.5f, 0.0f, 0.0f}));
+  FloatVectorPtr none(TFCommon::CopyToFloatVector(tensor, 0));
+  EXPECT_EQ(none->count, 0);
+  EXPECT_NE(none->values, nullptr);
+  TF_DeleteTensor(tensor);
+}
+
+}  // namespace
