@@ -1,0 +1,455 @@
+// Shape, join/split, transpose, fill/range/tile, pad and gather ops.
+// Expected values are worked out by hand; the large cases compare with a
+// naive index loop written here.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <numeric>
+#include <random>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "one_op.h"
+
+namespace {
+
+using testing_support::Dims;
+using testing_support::ExpectRunError;
+using testing_support::GraphBuilder;
+using testing_support::OneOp;
+using testing_support::TensorPtr;
+using testing_support::TestSession;
+using testing_support::Values;
+
+std::vector<int32_t> Iota(int n) {
+  std::vector<int32_t> v(n);
+  std::iota(v.begin(), v.end(), 0);
+  return v;
+}
+
+int Count(const Dims& dims) {
+  int64_t n = 1;
+  for (int64_t d : dims) n *= d;
+  return static_cast<int>(n);
+}
+
+// Runs a graph and fetches every output of `node` (`count` of them).
+std::vector<TensorPtr> FetchAll(const GraphBuilder& g, const std::string& node, int count) {
+  TestSession s(g.Serialize());
+  EXPECT_EQ(s.code(), TF_OK) << s.message();
+  std::vector<std::string> fetches;
+  for (int i = 0; i < count; ++i) fetches.push_back(node + ":" + std::to_string(i));
+  std::vector<TensorPtr> out;
+  EXPECT_EQ(s.Run({}, fetches, &out), TF_OK) << s.last_error();
+  return out;
+}
+
+TEST(ShapeOpsTest, ShapeSizeRankOfAnEmptyTensor) {
+  for (const auto& [op_name, expected] : std::vector<std::pair<const char*, std::vector<int32_t>>>{
+           {"Shape", {2, 0, 3}}, {"Size", {0}}, {"Rank", {3}}}) {
+    SCOPED_TRACE(op_name);
+    OneOp op(op_name);
+    op.In<float>({2, 0, 3}, {}).Attr("T", TF_FLOAT);
+    ASSERT_EQ(op.Run(), TF_OK) << op.error();
+    ASSERT_EQ(op.OutputType(), TF_INT32);
+    EXPECT_EQ(op.Output<int32_t>(), expected);
+  }
+  OneOp wide("Shape");
+  wide.In<uint8_t>({4, 1}, {1, 2, 3, 4}).Attr("T", TF_UINT8).Attr("out_type", TF_INT64);
+  ASSERT_EQ(wide.Run(), TF_OK) << wide.error();
+  EXPECT_EQ(wide.Output<int64_t>(), (std::vector<int64_t>{4, 1}));
+}
+
+TEST(ShapeOpsTest, ReshapeInfersOneDim) {
+  struct Case { Dims input; std::vector<int32_t> shape; Dims expected; };
+  const std::vector<Case> cases = {
+      {{2, 3}, {-1, 2}, {3, 2}},
+      {{2, 3}, {6}, {6}},
+      {{1, 1}, {}, {}},            // to a scalar
+      {{0, 3}, {-1, 3}, {0, 3}},   // the -1 of an empty input is 0
+      {{2, 0, 3}, {2, -1, 0}, {2, 3, 0}},  // zeros left out of the inference
+  };
+  for (const Case& c : cases) {
+    const int n = Count(c.input);
+    OneOp op("Reshape");
+    op.In<int32_t>(c.input, Iota(n))
+        .In<int32_t>({static_cast<int64_t>(c.shape.size())}, c.shape)
+        .Attr("T", TF_INT32);  // Tshape left to its default
+    ASSERT_EQ(op.Run(), TF_OK) << op.error();
+    EXPECT_EQ(op.OutputDims(), c.expected);
+    EXPECT_EQ(op.Output<int32_t>(), Iota(n));
+  }
+  for (const std::vector<int64_t>& bad :
+       {std::vector<int64_t>{-1, -1}, {4}, {-1, 4}, {-2, -3}, {3, 2, 1, 0, -1}}) {
+    OneOp op("Reshape");
+    op.In<float>({6}, {0, 1, 2, 3, 4, 5}).In<int64_t>({static_cast<int64_t>(bad.size())}, bad)
+        .Attr("T", TF_FLOAT).Attr("Tshape", TF_INT64);
+    ExpectRunError(op);
+  }
+}
+
+TEST(ShapeOpsTest, ExpandDimsAndSqueeze) {
+  for (const auto& [dim, expected] : std::vector<std::pair<int32_t, Dims>>{
+           {0, {1, 2, 3}}, {2, {2, 3, 1}}, {-1, {2, 3, 1}}, {-3, {1, 2, 3}}}) {
+    OneOp op("ExpandDims");
+    op.In<float>({2, 3}, {1, 2, 3, 4, 5, 6}).In<int32_t>({}, {dim}).Attr("T", TF_FLOAT);
+    ASSERT_EQ(op.Run(), TF_OK) << op.error();
+    EXPECT_EQ(op.OutputDims(), expected) << "dim " << dim;
+    EXPECT_EQ(op.Output<float>(), (std::vector<float>{1, 2, 3, 4, 5, 6}));
+  }
+  OneOp far("ExpandDims");
+  far.In<float>({2, 3}, {1, 2, 3, 4, 5, 6}).In<int32_t>({}, {3}).Attr("T", TF_FLOAT);
+  ExpectRunError(far);
+
+  OneOp all("Squeeze");
+  all.In<int32_t>({1, 2, 1, 3}, Iota(6)).Attr("T", TF_INT32);
+  ASSERT_EQ(all.Run(), TF_OK) << all.error();
+  EXPECT_EQ(all.OutputDims(), (Dims{2, 3}));
+  OneOp some("Squeeze");
+  some.In<int32_t>({1, 2, 1, 3}, Iota(6)).Attr("T", TF_INT32)
+      .Attr("squeeze_dims", std::vector<int64_t>{-2});
+  ASSERT_EQ(some.Run(), TF_OK) << some.error();
+  EXPECT_EQ(some.OutputDims(), (Dims{1, 2, 3}));
+  for (int64_t bad : {1, 4}) {  // a dim of size 2; a dim that does not exist
+    OneOp op("Squeeze");
+    op.In<int32_t>({1, 2, 1, 3}, Iota(6)).Attr("T", TF_INT32)
+        .Attr("squeeze_dims", std::vector<int64_t>{bad});
+    ExpectRunError(op);
+  }
+}
+
+TEST(JoinOpsTest, PackAlongEachAxis) {
+  for (const auto& [axis, dims, values] : std::vector<std::tuple<int, Dims, std::vector<int32_t>>>{
+           {0, {3, 2}, {1, 2, 3, 4, 5, 6}},
+           {1, {2, 3}, {1, 3, 5, 2, 4, 6}},
+           {-1, {2, 3}, {1, 3, 5, 2, 4, 6}}}) {
+    OneOp op("Pack");
+    op.In<int32_t>({2}, {1, 2}).In<int32_t>({2}, {3, 4}).In<int32_t>({2}, {5, 6})
+        .Attr("T", TF_INT32).Attr("N", 3).Attr("axis", axis);
+    ASSERT_EQ(op.Run(), TF_OK) << op.error();
+    EXPECT_EQ(op.OutputDims(), dims) << "axis " << axis;
+    EXPECT_EQ(op.Output<int32_t>(), values) << "axis " << axis;
+  }
+  OneOp mismatch("Pack");
+  mismatch.In<int32_t>({2}, {1, 2}).In<int32_t>({3}, {3, 4, 5}).Attr("T", TF_INT32).Attr("N", 2);
+  ExpectRunError(mismatch);
+  OneOp far("Pack");
+  far.In<int32_t>({2}, {1, 2}).In<int32_t>({2}, {3, 4}).Attr("T", TF_INT32).Attr("N", 2)
+      .Attr("axis", 2);
+  ExpectRunError(far);
+}
+
+TEST(JoinOpsTest, ConcatWithEmptyPiecesAndBothForms) {
+  // [[1, 2], [3, 4]] ++ [2, 0] ++ [[5], [6]] along the last axis.
+  OneOp v2("ConcatV2");
+  v2.In<float>({2, 2}, {1, 2, 3, 4}).In<float>({2, 0}, {}).In<float>({2, 1}, {5, 6})
+      .In<int64_t>({}, {-1}).Attr("T", TF_FLOAT).Attr("N", 3).Attr("Tidx", TF_INT64);
+  ASSERT_EQ(v2.Run(), TF_OK) << v2.error();
+  EXPECT_EQ(v2.OutputDims(), (Dims{2, 3}));
+  EXPECT_EQ(v2.Output<float>(), (std::vector<float>{1, 2, 5, 3, 4, 6}));
+
+  OneOp old("Concat");
+  old.In<int32_t>({}, {0}).In<bool>({1, 2}, {true, false}).In<bool>({2, 2}, {false, true, true, true})
+      .Attr("T", TF_BOOL).Attr("N", 2);
+  ASSERT_EQ(old.Run(), TF_OK) << old.error();
+  EXPECT_EQ(old.OutputDims(), (Dims{3, 2}));
+  EXPECT_EQ(old.Output<bool>(), (std::vector<bool>{true, false, false, true, true, true}));
+
+  struct Bad { Dims b; int32_t axis; };
+  for (const Bad& bad : {Bad{{3, 1}, 1}, Bad{{2, 1}, 2}, Bad{{2, 1}, -3}, Bad{{2}, 0}}) {
+    OneOp op("ConcatV2");
+    op.In<float>({2, 2}, {1, 2, 3, 4}).In<float>(bad.b, std::vector<float>(Count(bad.b)))
+        .In<int32_t>({}, {bad.axis}).Attr("T", TF_FLOAT).Attr("N", 2);
+    ExpectRunError(op);
+  }
+}
+
+TEST(JoinOpsTest, UnpackSplitAndSplitV) {
+  GraphBuilder g;
+  g.Const<int32_t>("x", {2, 3}, {1, 2, 3, 4, 5, 6});
+  g.Node("Unpack", "unpack").Input("x").Attr("T", TF_INT32).Attr("num", 3).Attr("axis", 1);
+  g.Const<int32_t>("dim", {}, {1});
+  g.Node("Split", "split").Input("dim").Input("x").Attr("T", TF_INT32).Attr("num_split", 3);
+  g.Const<int32_t>("sizes", {2}, {-1, 2});
+  g.Node("SplitV", "splitv").Input("x").Input("sizes").Input("dim").Attr("T", TF_INT32)
+      .Attr("num_split", 2).Attr("Tlen", TF_INT32);
+
+  auto unpacked = FetchAll(g, "unpack", 3);
+  ASSERT_EQ(unpacked.size(), 3u);
+  EXPECT_EQ(testing_support::DimsOf(unpacked[1].get()), (Dims{2}));
+  EXPECT_EQ(Values<int32_t>(unpacked[0].get()), (std::vector<int32_t>{1, 4}));
+  EXPECT_EQ(Values<int32_t>(unpacked[1].get()), (std::vector<int32_t>{2, 5}));
+  EXPECT_EQ(Values<int32_t>(unpacked[2].get()), (std::vector<int32_t>{3, 6}));
+
+  auto split = FetchAll(g, "split", 3);
+  ASSERT_EQ(split.size(), 3u);
+  EXPECT_EQ(testing_support::DimsOf(split[2].get()), (Dims{2, 1}));
+  EXPECT_EQ(Values<int32_t>(split[2].get()), (std::vector<int32_t>{3, 6}));
+
+  auto splitv = FetchAll(g, "splitv", 2);
+  ASSERT_EQ(splitv.size(), 2u);
+  EXPECT_EQ(Values<int32_t>(splitv[0].get()), (std::vector<int32_t>{1, 4}));
+  EXPECT_EQ(testing_support::DimsOf(splitv[1].get()), (Dims{2, 2}));
+  EXPECT_EQ(Values<int32_t>(splitv[1].get()), (std::vector<int32_t>{2, 3, 5, 6}));
+
+  OneOp uneven("Split");
+  uneven.In<int32_t>({}, {1}).In<float>({2, 3}, {1, 2, 3, 4, 5, 6}).Attr("T", TF_FLOAT)
+      .Attr("num_split", 2);
+  ExpectRunError(uneven);
+  for (const std::vector<int64_t>& sizes : {std::vector<int64_t>{1, 1}, {-1, -1}, {4, -1}, {-2, 5}}) {
+    OneOp op("SplitV");
+    op.In<float>({3}, {1, 2, 3}).In<int64_t>({2}, sizes).In<int32_t>({}, {0})
+        .Attr("T", TF_FLOAT).Attr("num_split", 2);
+    ExpectRunError(op);
+  }
+  OneOp wrong_num("Unpack");
+  wrong_num.In<float>({2, 3}, {1, 2, 3, 4, 5, 6}).Attr("T", TF_FLOAT).Attr("num", 3);
+  ExpectRunError(wrong_num);
+}
+
+TEST(TransposeTest, PermutesSmallAndLargeTensors) {
+  // out[i, j, k] = x[j, k, i] = 12 j + 4 k + i.
+  OneOp op("Transpose");
+  op.In<int32_t>({2, 3, 4}, Iota(24)).In<int32_t>({3}, {2, 0, 1}).Attr("T", TF_INT32);
+  ASSERT_EQ(op.Run(), TF_OK) << op.error();
+  EXPECT_EQ(op.OutputDims(), (Dims{4, 2, 3}));
+  EXPECT_EQ(op.Output<int32_t>(),
+            (std::vector<int32_t>{0, 4, 8, 12, 16, 20, 1, 5, 9, 13, 17, 21,
+                                  2, 6, 10, 14, 18, 22, 3, 7, 11, 15, 19, 23}));
+
+  OneOp bytes("Transpose");
+  bytes.In<uint8_t>({2, 3}, {1, 2, 3, 4, 5, 6}).In<int64_t>({2}, {1, 0})
+      .Attr("T", TF_UINT8).Attr("Tperm", TF_INT64);
+  ASSERT_EQ(bytes.Run(), TF_OK) << bytes.error();
+  EXPECT_EQ(bytes.Output<uint8_t>(), (std::vector<uint8_t>{1, 4, 2, 5, 3, 6}));
+
+  // NHWC -> NCHW on seeded random data, large enough to run in parallel.
+  const int n = 2, h = 37, w = 41, c = 19;
+  std::mt19937 rng(1234);
+  std::uniform_real_distribution<float> dist(-1, 1);
+  std::vector<float> x(n * h * w * c);
+  for (float& v : x) v = dist(rng);
+  std::vector<float> expected(x.size());
+  for (int b = 0; b < n; ++b)
+    for (int y = 0; y < h; ++y)
+      for (int z = 0; z < w; ++z)
+        for (int k = 0; k < c; ++k)
+          expected[((b * c + k) * h + y) * w + z] = x[((b * h + y) * w + z) * c + k];
+  OneOp big("Transpose");
+  big.In<float>({n, h, w, c}, x).In<int32_t>({4}, {0, 3, 1, 2}).Attr("T", TF_FLOAT);
+  ASSERT_EQ(big.Run(), TF_OK) << big.error();
+  EXPECT_EQ(big.OutputDims(), (Dims{n, c, h, w}));
+  EXPECT_EQ(big.Output<float>(), expected);
+
+  for (const std::vector<int32_t>& perm : {std::vector<int32_t>{0, 0, 1}, {0, 1, 3}, {-1, 0, 1}, {1, 0}}) {
+    OneOp bad("Transpose");
+    bad.In<int32_t>({2, 3, 4}, Iota(24)).In<int32_t>({static_cast<int64_t>(perm.size())}, perm)
+        .Attr("T", TF_INT32);
+    ExpectRunError(bad);
+  }
+}
+
+TEST(FillOpsTest, FillZerosOnesLike) {
+  OneOp fill("Fill");
+  fill.In<int32_t>({2}, {2, 3}).In<int64_t>({}, {-7}).Attr("T", TF_INT64);
+  ASSERT_EQ(fill.Run(), TF_OK) << fill.error();
+  EXPECT_EQ(fill.OutputDims(), (Dims{2, 3}));
+  EXPECT_EQ(fill.Output<int64_t>(), std::vector<int64_t>(6, -7));
+
+  OneOp zeros("ZerosLike");
+  zeros.In<double>({3}, {1.5, -2, 3}).Attr("T", TF_DOUBLE);
+  ASSERT_EQ(zeros.Run(), TF_OK) << zeros.error();
+  EXPECT_EQ(zeros.Output<double>(), (std::vector<double>{0, 0, 0}));
+  OneOp ones("OnesLike");
+  ones.In<float>({2, 1}, {5, 6}).Attr("T", TF_FLOAT);
+  ASSERT_EQ(ones.Run(), TF_OK) << ones.error();
+  EXPECT_EQ(ones.Output<float>(), (std::vector<float>{1, 1}));
+  OneOp truth("OnesLike");
+  truth.In<bool>({2}, {false, false}).Attr("T", TF_BOOL);
+  ASSERT_EQ(truth.Run(), TF_OK) << truth.error();
+  EXPECT_EQ(truth.Output<bool>(), (std::vector<bool>{true, true}));
+
+  OneOp negative("Fill");
+  negative.In<int32_t>({2}, {2, -1}).In<float>({}, {1}).Attr("T", TF_FLOAT);
+  ExpectRunError(negative);
+  OneOp not_scalar("Fill");
+  not_scalar.In<int32_t>({1}, {2}).In<float>({1}, {1}).Attr("T", TF_FLOAT);
+  ExpectRunError(not_scalar);
+  OneOp huge("Fill");
+  huge.In<int64_t>({2}, {int64_t{1} << 40, int64_t{1} << 40}).In<float>({}, {1})
+      .Attr("T", TF_FLOAT).Attr("index_type", TF_INT64);
+  ExpectRunError(huge);
+}
+
+TEST(FillOpsTest, RangeSizesAndLimits) {
+  auto range = [](auto start, auto limit, auto delta) {
+    using T = decltype(start);
+    auto op = std::make_unique<OneOp>("Range");
+    op->template In<T>({}, {start}).template In<T>({}, {limit}).template In<T>({}, {delta})
+        .Attr("Tidx", testing_support::DTypeOf<T>());
+    return op;
+  };
+  struct IntCase { int32_t start, limit, delta; std::vector<int32_t> expected; };
+  for (const IntCase& c : {IntCase{3, 18, 5, {3, 8, 13}}, IntCase{5, 1, -2, {5, 3}},
+                           IntCase{2, 2, 1, {}}, IntCase{0, 3, 1, {0, 1, 2}}}) {
+    auto op = range(c.start, c.limit, c.delta);
+    ASSERT_EQ(op->Run(), TF_OK) << op->error();
+    EXPECT_EQ(op->Output<int32_t>(), c.expected) << c.start << ":" << c.limit << ":" << c.delta;
+  }
+  auto quarters = range(0.0f, 1.0f, 0.25f);
+  ASSERT_EQ(quarters->Run(), TF_OK) << quarters->error();
+  EXPECT_EQ(quarters->Output<float>(), (std::vector<float>{0, 0.25f, 0.5f, 0.75f}));
+  // The float quotient 0.3f / 0.1f rounds to 3, so there is no fourth element.
+  auto tenths = range(0.0f, 0.3f, 0.1f);
+  ASSERT_EQ(tenths->Run(), TF_OK) << tenths->error();
+  EXPECT_EQ(tenths->OutputDims(), (Dims{3}));
+  // int64 extremes: the span overflows int64 but not the count.
+  const int64_t lo = std::numeric_limits<int64_t>::min(), hi = std::numeric_limits<int64_t>::max();
+  auto extreme = range(lo, hi, hi);
+  ASSERT_EQ(extreme->Run(), TF_OK) << extreme->error();
+  EXPECT_EQ(extreme->Output<int64_t>(), (std::vector<int64_t>{lo, -1, hi - 1}));
+
+  ExpectRunError(*range(0, 5, 0));
+  ExpectRunError(*range(5, 0, 1));
+  ExpectRunError(*range(0.0, 1.0, -0.5));
+  ExpectRunError(*range(int64_t{0}, hi, int64_t{1}));
+  ExpectRunError(*range(0.0f, std::numeric_limits<float>::infinity(), 1.0f));
+}
+
+TEST(FillOpsTest, TileRepeatsEachDim) {
+  for (const auto& [multiples, dims, values] :
+       std::vector<std::tuple<std::vector<int32_t>, Dims, std::vector<int32_t>>>{
+           {{2, 1}, {4, 2}, {1, 2, 3, 4, 1, 2, 3, 4}},
+           {{1, 3}, {2, 6}, {1, 2, 1, 2, 1, 2, 3, 4, 3, 4, 3, 4}},
+           {{2, 2}, {4, 4}, {1, 2, 1, 2, 3, 4, 3, 4, 1, 2, 1, 2, 3, 4, 3, 4}},
+           {{0, 2}, {0, 4}, {}}}) {
+    OneOp op("Tile");
+    op.In<int32_t>({2, 2}, {1, 2, 3, 4}).In<int32_t>({2}, multiples).Attr("T", TF_INT32);
+    ASSERT_EQ(op.Run(), TF_OK) << op.error();
+    EXPECT_EQ(op.OutputDims(), dims);
+    EXPECT_EQ(op.Output<int32_t>(), values);
+  }
+  for (const std::vector<int64_t>& bad :
+       {std::vector<int64_t>{2}, {1, -1}, {int64_t{1} << 40, int64_t{1} << 40}}) {
+    OneOp op("Tile");
+    op.In<float>({2, 2}, {1, 2, 3, 4}).In<int64_t>({static_cast<int64_t>(bad.size())}, bad)
+        .Attr("T", TF_FLOAT).Attr("Tmultiples", TF_INT64);
+    ExpectRunError(op);
+  }
+}
+
+TEST(PadOpsTest, ConstantAndMirrorPadding) {
+  // [[1, 2], [3, 4]] with one row before and two columns after.
+  OneOp zero("Pad");
+  zero.In<float>({2, 2}, {1, 2, 3, 4}).In<int32_t>({2, 2}, {1, 0, 0, 2}).Attr("T", TF_FLOAT);
+  ASSERT_EQ(zero.Run(), TF_OK) << zero.error();
+  EXPECT_EQ(zero.OutputDims(), (Dims{3, 4}));
+  EXPECT_EQ(zero.Output<float>(), (std::vector<float>{0, 0, 0, 0, 1, 2, 0, 0, 3, 4, 0, 0}));
+  OneOp nine("PadV2");
+  nine.In<int32_t>({2}, {1, 2}).In<int64_t>({1, 2}, {2, 1}).In<int32_t>({}, {9})
+      .Attr("T", TF_INT32).Attr("Tpaddings", TF_INT64);
+  ASSERT_EQ(nine.Run(), TF_OK) << nine.error();
+  EXPECT_EQ(nine.Output<int32_t>(), (std::vector<int32_t>{9, 9, 1, 2, 9}));
+
+  struct Mirror { const char* mode; Dims dims; std::vector<int32_t> x, paddings; Dims out; std::vector<int32_t> expected; };
+  for (const Mirror& m : {
+           Mirror{"REFLECT", {3}, {1, 2, 3}, {2, 2}, {7}, {3, 2, 1, 2, 3, 2, 1}},
+           Mirror{"SYMMETRIC", {3}, {1, 2, 3}, {2, 2}, {7}, {2, 1, 1, 2, 3, 3, 2}},
+           Mirror{"SYMMETRIC", {3}, {1, 2, 3}, {3, 0}, {6}, {3, 2, 1, 1, 2, 3}},
+           Mirror{"REFLECT", {2, 3}, {1, 2, 3, 4, 5, 6}, {1, 1, 1, 0}, {4, 4},
+                  {5, 4, 5, 6, 2, 1, 2, 3, 5, 4, 5, 6, 2, 1, 2, 3}}}) {
+    SCOPED_TRACE(m.mode);
+    OneOp op("MirrorPad");
+    op.In<int32_t>(m.dims, m.x)
+        .In<int32_t>({static_cast<int64_t>(m.dims.size()), 2}, m.paddings)
+        .Attr("T", TF_INT32).Attr("mode", m.mode);
+    ASSERT_EQ(op.Run(), TF_OK) << op.error();
+    EXPECT_EQ(op.OutputDims(), m.out);
+    EXPECT_EQ(op.Output<int32_t>(), m.expected);
+  }
+
+  OneOp reflect_too_far("MirrorPad");
+  reflect_too_far.In<float>({3}, {1, 2, 3}).In<int32_t>({1, 2}, {3, 0}).Attr("T", TF_FLOAT)
+      .Attr("mode", "REFLECT");
+  ExpectRunError(reflect_too_far);
+  OneOp negative("Pad");
+  negative.In<float>({3}, {1, 2, 3}).In<int32_t>({1, 2}, {-1, 0}).Attr("T", TF_FLOAT);
+  ExpectRunError(negative);
+  OneOp wrong_rows("Pad");
+  wrong_rows.In<float>({3}, {1, 2, 3}).In<int32_t>({2, 2}, {0, 0, 0, 0}).Attr("T", TF_FLOAT);
+  ExpectRunError(wrong_rows);
+}
+
+TEST(GatherOpsTest, GatherV2AxesBatchDimsAndBadIndices) {
+  // params [[1, 2], [3, 4], [5, 6]].
+  const std::vector<float> p{1, 2, 3, 4, 5, 6};
+  OneOp rows("GatherV2");
+  rows.In<float>({3, 2}, p).In<int32_t>({2}, {2, 0}).In<int32_t>({}, {0})
+      .Attr("Tparams", TF_FLOAT).Attr("Tindices", TF_INT32).Attr("Taxis", TF_INT32);
+  ASSERT_EQ(rows.Run(), TF_OK) << rows.error();
+  EXPECT_EQ(rows.OutputDims(), (Dims{2, 2}));
+  EXPECT_EQ(rows.Output<float>(), (std::vector<float>{5, 6, 1, 2}));
+
+  // Indices of shape [2, 1] along the last axis: out[r, i, 0] = p[r, idx[i]].
+  OneOp cols("GatherV2");
+  cols.In<float>({3, 2}, p).In<int64_t>({2, 1}, {1, 0}).In<int64_t>({}, {-1})
+      .Attr("Tparams", TF_FLOAT).Attr("Tindices", TF_INT64).Attr("Taxis", TF_INT64);
+  ASSERT_EQ(cols.Run(), TF_OK) << cols.error();
+  EXPECT_EQ(cols.OutputDims(), (Dims{3, 2, 1}));
+  EXPECT_EQ(cols.Output<float>(), (std::vector<float>{2, 1, 4, 3, 6, 5}));
+
+  // batch_dims 1: out[b, k] = params[b, idx[b, k]].
+  OneOp batched("GatherV2");
+  batched.In<int32_t>({2, 3}, {1, 2, 3, 4, 5, 6}).In<int32_t>({2, 2}, {2, 0, 1, 1})
+      .In<int32_t>({}, {1}).Attr("Tparams", TF_INT32).Attr("Tindices", TF_INT32)
+      .Attr("Taxis", TF_INT32).Attr("batch_dims", 1);
+  ASSERT_EQ(batched.Run(), TF_OK) << batched.error();
+  EXPECT_EQ(batched.OutputDims(), (Dims{2, 2}));
+  EXPECT_EQ(batched.Output<int32_t>(), (std::vector<int32_t>{3, 1, 5, 5}));
+
+  OneOp old("Gather");
+  old.In<uint8_t>({4}, {10, 20, 30, 40}).In<int32_t>({2, 2}, {3, 3, 0, 1})
+      .Attr("Tparams", TF_UINT8).Attr("Tindices", TF_INT32);
+  ASSERT_EQ(old.Run(), TF_OK) << old.error();
+  EXPECT_EQ(old.OutputDims(), (Dims{2, 2}));
+  EXPECT_EQ(old.Output<uint8_t>(), (std::vector<uint8_t>{40, 40, 10, 20}));
+
+  struct Bad { std::vector<int32_t> indices; int32_t axis; int batch_dims; };
+  for (const Bad& bad : {Bad{{3}, 0, 0}, Bad{{-1}, 0, 0}, Bad{{0}, 2, 0}, Bad{{0}, 0, 2}}) {
+    OneOp op("GatherV2");
+    op.In<float>({3, 2}, p).In<int32_t>({1}, bad.indices).In<int32_t>({}, {bad.axis})
+        .Attr("Tparams", TF_FLOAT).Attr("Tindices", TF_INT32).Attr("Taxis", TF_INT32)
+        .Attr("batch_dims", bad.batch_dims);
+    ExpectRunError(op);
+  }
+}
+
+TEST(GatherOpsTest, GatherNdPointsAndSlices) {
+  // params [[1, 2], [3, 4]].
+  OneOp points("GatherNd");
+  points.In<int32_t>({2, 2}, {1, 2, 3, 4}).In<int32_t>({2, 2}, {1, 0, 0, 1})
+      .Attr("Tparams", TF_INT32).Attr("Tindices", TF_INT32);
+  ASSERT_EQ(points.Run(), TF_OK) << points.error();
+  EXPECT_EQ(points.OutputDims(), (Dims{2}));
+  EXPECT_EQ(points.Output<int32_t>(), (std::vector<int32_t>{3, 2}));
+  OneOp slices("GatherNd");
+  slices.In<int32_t>({2, 2}, {1, 2, 3, 4}).In<int64_t>({1, 1}, {1})
+      .Attr("Tparams", TF_INT32).Attr("Tindices", TF_INT64);
+  ASSERT_EQ(slices.Run(), TF_OK) << slices.error();
+  EXPECT_EQ(slices.OutputDims(), (Dims{1, 2}));
+  EXPECT_EQ(slices.Output<int32_t>(), (std::vector<int32_t>{3, 4}));
+
+  OneOp outside("GatherNd");
+  outside.In<int32_t>({2, 2}, {1, 2, 3, 4}).In<int32_t>({1, 2}, {0, 2})
+      .Attr("Tparams", TF_INT32).Attr("Tindices", TF_INT32);
+  ExpectRunError(outside);
+  OneOp too_deep("GatherNd");
+  too_deep.In<int32_t>({2, 2}, {1, 2, 3, 4}).In<int32_t>({1, 3}, {0, 0, 0})
+      .Attr("Tparams", TF_INT32).Attr("Tindices", TF_INT32);
+  ExpectRunError(too_deep);
+}
+
+}  // namespace
