@@ -27,6 +27,9 @@ template <> constexpr TF_DataType DTypeOf<int32_t>() { return TF_INT32; }
 template <> constexpr TF_DataType DTypeOf<int64_t>() { return TF_INT64; }
 template <> constexpr TF_DataType DTypeOf<uint8_t>() { return TF_UINT8; }
 template <> constexpr TF_DataType DTypeOf<bool>() { return TF_BOOL; }
+template <> constexpr TF_DataType DTypeOf<int8_t>() { return TF_INT8; }
+template <> constexpr TF_DataType DTypeOf<int16_t>() { return TF_INT16; }
+template <> constexpr TF_DataType DTypeOf<uint16_t>() { return TF_UINT16; }
 
 // A shape attribute value ({} is a scalar); UnknownRank() for none.
 struct ShapeAttr {
