@@ -1,0 +1,243 @@
+#include "kernels/dnnl_ops.h"
+
+#ifdef MINITF_HAVE_DNNL
+
+#include <map>
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+#include <oneapi/dnnl/dnnl.hpp>
+
+namespace minitf {
+namespace {
+
+using dnnl::memory;
+using Tag = memory::format_tag;
+constexpr auto kF32 = memory::data_type::f32;
+
+dnnl::engine& CpuEngine() {
+  static dnnl::engine* engine = new dnnl::engine(dnnl::engine::kind::cpu, 0);
+  return *engine;
+}
+
+std::vector<int64_t> GeometryKey(const WindowGeometry& g) {
+  return {g.batch,    g.in_h,     g.in_w,    g.in_c,    g.k_h,        g.k_w,
+          g.stride_h, g.stride_w, g.dil_h,   g.dil_w,   g.pad_top,    g.pad_bottom,
+          g.pad_left, g.pad_right, g.out_h,  g.out_w,   g.out_c,      g.groups};
+}
+
+bool AnyEmpty(const WindowGeometry& g) {
+  return g.batch == 0 || g.in_h == 0 || g.in_w == 0 || g.in_c == 0 || g.out_h == 0 ||
+         g.out_w == 0 || g.out_c == 0 || g.k_h == 0 || g.k_w == 0;
+}
+
+// Primitives by geometry. A geometry oneDNN refused is remembered as null
+// so that it is not retried on every call. Entries are created under the
+// lock; they are immutable afterwards and oneDNN primitives may execute
+// concurrently.
+template <typename Entry>
+class PrimitiveCache {
+ public:
+  template <typename Make>
+  std::shared_ptr<const Entry> Get(const std::vector<int64_t>& key, Make make) {
+    std::lock_guard<std::mutex> lock(mu_);
+    auto it = entries_.find(key);
+    if (it != entries_.end()) return it->second;
+    // Shapes that vary per call (batch, image size) must not grow this
+    // without bound.
+    if (entries_.size() >= kMaxEntries) entries_.clear();
+    std::shared_ptr<const Entry> entry;
+    try {
+      entry = make();
+    } catch (const dnnl::error&) {
+      entry = nullptr;
+    }
+    entries_.emplace(key, entry);
+    return entry;
+  }
+
+ private:
+  static constexpr size_t kMaxEntries = 32;
+  std::mutex mu_;
+  std::map<std::vector<int64_t>, std::shared_ptr<const Entry>> entries_;
+};
+
+memory::desc ActivationDesc(int64_t n, int64_t h, int64_t w, int64_t c) {
+  return memory::desc({n, c, h, w}, kF32, Tag::nhwc);
+}
+
+// Scratchpads are ours, allocated per call: the library-managed one is
+// shared between primitives and corrupts results when two threads execute
+// at once.
+dnnl::primitive_attr UserScratchpad() {
+  dnnl::primitive_attr attr;
+  attr.set_scratchpad_mode(dnnl::scratchpad_mode::user);
+  return attr;
+}
+
+void AddScratchpad(const memory::desc& desc, std::unordered_map<int, memory>* args) {
+  if (desc.get_size() != 0) (*args)[DNNL_ARG_SCRATCHPAD] = memory(desc, CpuEngine());
+}
+
+struct ConvEntry {
+  dnnl::convolution_forward conv;
+  memory::desc scratchpad;
+  memory::desc user_weights;
+  memory::desc weights;  // the layout the primitive wants
+  bool reorder_weights = false;
+  dnnl::reorder reorder;
+  memory::desc reorder_scratchpad;
+};
+
+struct PoolEntry {
+  dnnl::pooling_forward pool;
+  memory::desc scratchpad;
+  memory::desc workspace;
+};
+
+}  // namespace
+
+bool DnnlAvailable() { return true; }
+
+struct DnnlConv2D::Cache : PrimitiveCache<ConvEntry> {};
+struct DnnlPool::Cache : PrimitiveCache<PoolEntry> {};
+
+DnnlConv2D::DnnlConv2D() : cache_(new Cache) {}
+DnnlConv2D::~DnnlConv2D() = default;
+
+bool DnnlConv2D::Run(const WindowGeometry& g, const float* in, const float* filter,
+                     float* out) const {
+  if (AnyEmpty(g)) return false;
+  auto entry = cache_->Get(GeometryKey(g), [&] {
+    auto e = std::make_shared<ConvEntry>();
+    const int64_t cin_g = g.in_c / g.groups, cout_g = g.out_c / g.groups;
+    if (g.groups == 1) {
+      e->user_weights = memory::desc({g.out_c, g.in_c, g.k_h, g.k_w}, kF32, Tag::hwio);
+    } else {
+      e->user_weights =
+          memory::desc({g.groups, cout_g, cin_g, g.k_h, g.k_w}, kF32, Tag::hwigo);
+    }
+    const memory::desc any_weights(e->user_weights.dims(), kF32, Tag::any);
+    dnnl::convolution_forward::desc desc(
+        dnnl::prop_kind::forward_inference, dnnl::algorithm::convolution_direct,
+        ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), any_weights,
+        ActivationDesc(g.batch, g.out_h, g.out_w, g.out_c), {g.stride_h, g.stride_w},
+        {g.dil_h - 1, g.dil_w - 1}, {g.pad_top, g.pad_left}, {g.pad_bottom, g.pad_right});
+    dnnl::convolution_forward::primitive_desc pd(desc, UserScratchpad(), CpuEngine());
+    e->conv = dnnl::convolution_forward(pd);
+    e->scratchpad = pd.scratchpad_desc();
+    e->weights = pd.weights_desc();
+    e->reorder_weights = e->weights != e->user_weights;
+    if (e->reorder_weights) {
+      dnnl::reorder::primitive_desc rpd(CpuEngine(), e->user_weights, CpuEngine(), e->weights,
+                                        UserScratchpad());
+      e->reorder = dnnl::reorder(rpd);
+      e->reorder_scratchpad = rpd.scratchpad_desc();
+    }
+    return std::shared_ptr<const ConvEntry>(e);
+  });
+  if (!entry) return false;
+  try {
+    dnnl::engine& eng = CpuEngine();
+    dnnl::stream stream(eng);
+    // oneDNN takes non-const handles but only reads sources.
+    memory src(ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), eng, const_cast<float*>(in));
+    memory dst(ActivationDesc(g.batch, g.out_h, g.out_w, g.out_c), eng, out);
+    memory user_w(entry->user_weights, eng, const_cast<float*>(filter));
+    memory w = user_w;
+    // The filter may change between calls (it is an input), so it is
+    // re-laid out every time; that is small next to the convolution.
+    if (entry->reorder_weights) {
+      w = memory(entry->weights, eng);
+      std::unordered_map<int, memory> args = {{DNNL_ARG_FROM, user_w}, {DNNL_ARG_TO, w}};
+      AddScratchpad(entry->reorder_scratchpad, &args);
+      entry->reorder.execute(stream, args);
+    }
+    std::unordered_map<int, memory> args = {
+        {DNNL_ARG_SRC, src}, {DNNL_ARG_WEIGHTS, w}, {DNNL_ARG_DST, dst}};
+    AddScratchpad(entry->scratchpad, &args);
+    entry->conv.execute(stream, args);
+    stream.wait();
+  } catch (const dnnl::error&) {
+    return false;
+  }
+  return true;
+}
+
+DnnlPool::DnnlPool(bool max) : max_(max), cache_(new Cache) {}
+DnnlPool::~DnnlPool() = default;
+
+bool DnnlPool::Run(const WindowGeometry& g, const float* in, float* out) const {
+  if (AnyEmpty(g)) return false;
+  // A window lying wholly in explicit padding has no cells; the reference
+  // defines that case.
+  if (g.pad_top >= g.k_h || g.pad_bottom >= g.k_h || g.pad_left >= g.k_w ||
+      g.pad_right >= g.k_w) {
+    return false;
+  }
+  auto entry = cache_->Get(GeometryKey(g), [&] {
+    auto e = std::make_shared<PoolEntry>();
+    dnnl::pooling_forward::desc desc(
+        dnnl::prop_kind::forward_inference,
+        max_ ? dnnl::algorithm::pooling_max : dnnl::algorithm::pooling_avg_exclude_padding,
+        ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c),
+        ActivationDesc(g.batch, g.out_h, g.out_w, g.in_c), {g.stride_h, g.stride_w},
+        {g.k_h, g.k_w}, {g.pad_top, g.pad_left}, {g.pad_bottom, g.pad_right});
+    dnnl::pooling_forward::primitive_desc pd(desc, UserScratchpad(), CpuEngine());
+    e->pool = dnnl::pooling_forward(pd);
+    e->scratchpad = pd.scratchpad_desc();
+    e->workspace = pd.workspace_desc();
+    return std::shared_ptr<const PoolEntry>(e);
+  });
+  if (!entry) return false;
+  try {
+    dnnl::engine& eng = CpuEngine();
+    dnnl::stream stream(eng);
+    memory src(ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), eng, const_cast<float*>(in));
+    memory dst(ActivationDesc(g.batch, g.out_h, g.out_w, g.in_c), eng, out);
+    std::unordered_map<int, memory> args = {{DNNL_ARG_SRC, src}, {DNNL_ARG_DST, dst}};
+    if (entry->workspace.get_size() != 0) args[DNNL_ARG_WORKSPACE] = memory(entry->workspace, eng);
+    AddScratchpad(entry->scratchpad, &args);
+    entry->pool.execute(stream, args);
+    stream.wait();
+  } catch (const dnnl::error&) {
+    return false;
+  }
+  return true;
+}
+
+bool DnnlGemm(bool transpose_a, bool transpose_b, int64_t m, int64_t n, int64_t k,
+              const float* a, const float* b, float* c) {
+  if (m == 0 || n == 0 || k == 0) return false;
+  const int64_t lda = transpose_a ? m : k;
+  const int64_t ldb = transpose_b ? k : n;
+  return dnnl_sgemm(transpose_a ? 'T' : 'N', transpose_b ? 'T' : 'N', m, n, k, 1.0f, a, lda, b,
+                    ldb, 0.0f, c, n) == dnnl_success;
+}
+
+}  // namespace minitf
+
+#else  // !MINITF_HAVE_DNNL
+
+namespace minitf {
+
+bool DnnlAvailable() { return false; }
+
+struct DnnlConv2D::Cache {};
+struct DnnlPool::Cache {};
+DnnlConv2D::DnnlConv2D() = default;
+DnnlConv2D::~DnnlConv2D() = default;
+bool DnnlConv2D::Run(const WindowGeometry&, const float*, const float*, float*) const {
+  return false;
+}
+DnnlPool::DnnlPool(bool max) : max_(max) {}
+DnnlPool::~DnnlPool() = default;
+bool DnnlPool::Run(const WindowGeometry&, const float*, float*) const { return false; }
+bool DnnlGemm(bool, bool, int64_t, int64_t, int64_t, const float*, const float*, float*) {
+  return false;
+}
+
+}  // namespace minitf
+
+#endif  // MINITF_HAVE_DNNL

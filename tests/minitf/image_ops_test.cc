@@ -1,0 +1,212 @@
+// Image resizing and cropping: TensorFlow's source-coordinate conventions,
+// hand-computed on tiny images, and the error paths.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "one_op.h"
+
+namespace {
+
+using testing_support::Dims;
+using testing_support::ExpectNear;
+using testing_support::ExpectRunError;
+using testing_support::OneOp;
+using F = std::vector<float>;
+using I = std::vector<int32_t>;
+
+// 2x2 image [[0, 4], [8, 12]].
+const F kCorners = {0, 4, 8, 12};
+
+OneOp& Resize(OneOp& op, const F& image, Dims dims, I size) {
+  return op.In<float>(dims, image).In<int32_t>({2}, size).Attr("T", TF_FLOAT);
+}
+
+TEST(ResizeBilinearTest, CoordinateConventions) {
+  // Legacy: source = i * 0.5; the last row and column repeat the edge.
+  OneOp legacy("ResizeBilinear");
+  Resize(legacy, kCorners, {1, 2, 2, 1}, {4, 4});
+  ASSERT_EQ(legacy.Run(), TF_OK) << legacy.error();
+  EXPECT_EQ(legacy.OutputDims(), (Dims{1, 4, 4, 1}));
+  ExpectNear(legacy.Output<float>(),
+             {0, 2, 4, 4, 4, 6, 8, 8, 8, 10, 12, 12, 8, 10, 12, 12});
+  // Corners onto corners: source = i * (1 / 2).
+  OneOp aligned("ResizeBilinear");
+  Resize(aligned, kCorners, {1, 2, 2, 1}, {3, 3}).Attr("align_corners", true);
+  ASSERT_EQ(aligned.Run(), TF_OK) << aligned.error();
+  ExpectNear(aligned.Output<float>(), {0, 2, 4, 4, 6, 8, 8, 10, 12});
+  // Half-pixel: source = (i + 0.5) * 0.5 - 0.5 = -0.25, 0.25, 0.75, 1.25;
+  // -0.25 clamps to pixel 0 and 1.25 to pixel 1.
+  OneOp half("ResizeBilinear");
+  Resize(half, kCorners, {1, 2, 2, 1}, {4, 4}).Attr("half_pixel_centers", true);
+  ASSERT_EQ(half.Run(), TF_OK) << half.error();
+  ExpectNear(half.Output<float>(), {0, 1, 3, 4, 2, 3, 5, 6, 6, 7, 9, 10, 8, 9, 11, 12});
+  // Shrinking a row of 4 to 2: legacy samples 0 and 2, half-pixel the
+  // midpoints 0.5 and 2.5.
+  const F row = {0, 10, 20, 30};
+  OneOp shrink("ResizeBilinear");
+  Resize(shrink, row, {1, 1, 4, 1}, {1, 2});
+  ASSERT_EQ(shrink.Run(), TF_OK) << shrink.error();
+  ExpectNear(shrink.Output<float>(), {0, 20});
+  OneOp shrink_half("ResizeBilinear");
+  Resize(shrink_half, row, {1, 1, 4, 1}, {1, 2}).Attr("half_pixel_centers", true);
+  ASSERT_EQ(shrink_half.Run(), TF_OK) << shrink_half.error();
+  ExpectNear(shrink_half.Output<float>(), {5, 25});
+}
+
+TEST(ResizeBilinearTest, IntegerImagesGiveFloatsPerChannel) {
+  // Two channels: the corners above and a constant 200.
+  OneOp op("ResizeBilinear");
+  op.In<uint8_t>({1, 2, 2, 2}, {0, 200, 4, 200, 8, 200, 12, 200}).In<int32_t>({2}, {3, 3})
+      .Attr("T", TF_UINT8).Attr("align_corners", true);
+  ASSERT_EQ(op.Run(), TF_OK) << op.error();
+  EXPECT_EQ(op.OutputType(), TF_FLOAT);
+  EXPECT_EQ(op.OutputDims(), (Dims{1, 3, 3, 2}));
+  const F first = {0, 2, 4, 4, 6, 8, 8, 10, 12};
+  F expected;
+  for (float v : first) {
+    expected.push_back(v);
+    expected.push_back(200);
+  }
+  ExpectNear(op.Output<float>(), expected);
+  OneOp ints("ResizeBilinear");
+  ints.In<int32_t>({2, 1, 1, 1}, {-3, 7}).In<int32_t>({2}, {1, 2}).Attr("T", TF_INT32);
+  ASSERT_EQ(ints.Run(), TF_OK) << ints.error();
+  ExpectNear(ints.Output<float>(), {-3, -3, 7, 7});
+}
+
+TEST(ResizeBilinearTest, RejectsBadInputs) {
+  OneOp both("ResizeBilinear");
+  ExpectRunError(Resize(both, kCorners, {1, 2, 2, 1}, {3, 3})
+                     .Attr("align_corners", true).Attr("half_pixel_centers", true));
+  OneOp rank("ResizeBilinear");
+  ExpectRunError(Resize(rank, kCorners, {2, 2, 1}, {3, 3}));
+  OneOp zero("ResizeBilinear");
+  ExpectRunError(Resize(zero, kCorners, {1, 2, 2, 1}, {0, 3}));
+  OneOp negative("ResizeBilinear");
+  ExpectRunError(Resize(negative, kCorners, {1, 2, 2, 1}, {3, -1}));
+  OneOp long_size("ResizeBilinear");
+  long_size.In<float>({1, 2, 2, 1}, kCorners).In<int32_t>({3}, {2, 2, 2}).Attr("T", TF_FLOAT);
+  ExpectRunError(long_size);
+  OneOp empty_image("ResizeBilinear");
+  ExpectRunError(Resize(empty_image, {}, {1, 0, 2, 1}, {2, 2}));
+  OneOp no_channels("ResizeBilinear");
+  ExpectRunError(Resize(no_channels, {}, {1, 2, 2, 0}, {2, 2}));
+}
+
+TEST(ResizeNearestNeighborTest, CoordinateConventions) {
+  const I row = {0, 10, 20, 30};
+  auto resize = [&](OneOp& op, int32_t width) -> OneOp& {
+    return op.In<int32_t>({1, 1, 4, 1}, row).In<int32_t>({2}, {1, width}).Attr("T", TF_INT32);
+  };
+  // Scale 4/3: sources 0, 1.33, 2.67 floored.
+  OneOp legacy("ResizeNearestNeighbor");
+  ASSERT_EQ(resize(legacy, 3).Run(), TF_OK) << legacy.error();
+  EXPECT_EQ(legacy.OutputType(), TF_INT32);
+  EXPECT_EQ(legacy.Output<int32_t>(), (I{0, 10, 20}));
+  // Scale 3/2: sources 0, 1.5, 3 rounded half away from zero.
+  OneOp aligned("ResizeNearestNeighbor");
+  ASSERT_EQ(resize(aligned, 3).Attr("align_corners", true).Run(), TF_OK) << aligned.error();
+  EXPECT_EQ(aligned.Output<int32_t>(), (I{0, 20, 30}));
+  // Sources (i + 0.5) * 4/3 = 0.67, 2, 3.33, floored, with no -0.5.
+  OneOp half("ResizeNearestNeighbor");
+  ASSERT_EQ(resize(half, 3).Attr("half_pixel_centers", true).Run(), TF_OK) << half.error();
+  EXPECT_EQ(half.Output<int32_t>(), (I{0, 20, 30}));
+  OneOp up("ResizeNearestNeighbor");
+  ASSERT_EQ(resize(up, 8).Attr("half_pixel_centers", true).Run(), TF_OK) << up.error();
+  EXPECT_EQ(up.Output<int32_t>(), (I{0, 0, 10, 10, 20, 20, 30, 30}));
+
+  OneOp bad("ResizeNearestNeighbor");
+  ExpectRunError(resize(bad, 0));
+}
+
+// 3x3 image whose value at (y, x) is 3y + x: bilinear sampling of it is
+// exact, so expected crops are 3 * in_y + in_x.
+const F kRamp = {0, 1, 2, 3, 4, 5, 6, 7, 8};
+
+OneOp& Crop(OneOp& op, const F& boxes, const I& box_ind, I crop_size,
+            const F& image = kRamp, Dims image_dims = {1, 3, 3, 1}) {
+  return op.In<float>(image_dims, image)
+      .In<float>({static_cast<int64_t>(boxes.size() / 4), 4}, boxes)
+      .In<int32_t>({static_cast<int64_t>(box_ind.size())}, box_ind)
+      .In<int32_t>({2}, crop_size).Attr("T", TF_FLOAT);
+}
+
+TEST(CropAndResizeTest, BilinearBoxes) {
+  OneOp whole("CropAndResize");
+  ASSERT_EQ(Crop(whole, {0, 0, 1, 1}, {0}, {3, 3}).Run(), TF_OK) << whole.error();
+  EXPECT_EQ(whole.OutputDims(), (Dims{1, 3, 3, 1}));
+  ExpectNear(whole.Output<float>(), kRamp);
+  // Sources 0.5 and 1.5 on both axes; two boxes in one call.
+  OneOp inner("CropAndResize");
+  ASSERT_EQ(Crop(inner, {0.25f, 0.25f, 0.75f, 0.75f, 0, 0, 1, 1}, {0, 0}, {2, 2}).Run(), TF_OK)
+      << inner.error();
+  EXPECT_EQ(inner.OutputDims(), (Dims{2, 2, 2, 1}));
+  ExpectNear(inner.Output<float>(), {2, 3, 5, 6, 0, 2, 6, 8});
+  // A flipped box samples bottom-up.
+  OneOp flipped("CropAndResize");
+  ASSERT_EQ(Crop(flipped, {1, 0, 0, 1}, {0}, {2, 2}).Run(), TF_OK) << flipped.error();
+  ExpectNear(flipped.Output<float>(), {6, 8, 0, 2});
+  // A single sample takes the box centre: (0.5, 0.5) * 2 -> value 4; the
+  // top-left quarter's centre (0.5, 0.5) in pixels -> 2.
+  OneOp centre("CropAndResize");
+  ASSERT_EQ(Crop(centre, {0, 0, 1, 1, 0, 0, 0.5f, 0.5f}, {0, 0}, {1, 1}).Run(), TF_OK)
+      << centre.error();
+  ExpectNear(centre.Output<float>(), {4, 2});
+  // Rows above the image take the extrapolation value.
+  OneOp outside("CropAndResize");
+  ASSERT_EQ(Crop(outside, {-0.5f, 0, 0.5f, 1}, {0}, {3, 3})
+                .Attr("extrapolation_value", -1.0f).Run(), TF_OK) << outside.error();
+  ExpectNear(outside.Output<float>(), {-1, -1, -1, 0, 1, 2, 3, 4, 5});
+  // NaN coordinates count as outside.
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  OneOp not_a_box("CropAndResize");
+  ASSERT_EQ(Crop(not_a_box, {nan, 0, 1, 1}, {0}, {2, 2}).Attr("extrapolation_value", 9.0f)
+                .Run(), TF_OK) << not_a_box.error();
+  ExpectNear(not_a_box.Output<float>(), {9, 9, 9, 9});
+}
+
+TEST(CropAndResizeTest, NearestBatchesAndDtypes) {
+  // Sources 0.5 and 1.5 round away from zero to 1 and 2.
+  OneOp nearest("CropAndResize");
+  ASSERT_EQ(Crop(nearest, {0.25f, 0.25f, 0.75f, 0.75f}, {0}, {2, 2})
+                .Attr("method", "nearest").Run(), TF_OK) << nearest.error();
+  ExpectNear(nearest.Output<float>(), {4, 5, 7, 8});
+  // The box index picks the image: the second one is the ramp plus 100.
+  F two = kRamp;
+  for (float v : kRamp) two.push_back(v + 100);
+  OneOp batch("CropAndResize");
+  ASSERT_EQ(Crop(batch, {0, 0, 1, 1, 0, 0, 1, 1}, {1, 0}, {1, 1}, two, {2, 3, 3, 1}).Run(),
+            TF_OK) << batch.error();
+  ExpectNear(batch.Output<float>(), {104, 4});
+  OneOp bytes("CropAndResize");
+  bytes.In<uint8_t>({1, 1, 2, 1}, {10, 250}).In<float>({1, 4}, {0, 0, 1, 1})
+      .In<int32_t>({1}, {0}).In<int32_t>({2}, {1, 3}).Attr("T", TF_UINT8);
+  ASSERT_EQ(bytes.Run(), TF_OK) << bytes.error();
+  EXPECT_EQ(bytes.OutputType(), TF_FLOAT);
+  ExpectNear(bytes.Output<float>(), {10, 130, 250});
+  // No boxes: an empty result of the crop's shape.
+  OneOp none("CropAndResize");
+  ASSERT_EQ(Crop(none, {}, {}, {2, 3}).Run(), TF_OK) << none.error();
+  EXPECT_EQ(none.OutputDims(), (Dims{0, 2, 3, 1}));
+}
+
+TEST(CropAndResizeTest, RejectsBadInputs) {
+  OneOp index("CropAndResize");
+  ExpectRunError(Crop(index, {0, 0, 1, 1}, {1}, {2, 2}));
+  OneOp negative_index("CropAndResize");
+  ExpectRunError(Crop(negative_index, {0, 0, 1, 1}, {-1}, {2, 2}));
+  OneOp count("CropAndResize");
+  ExpectRunError(Crop(count, {0, 0, 1, 1}, {0, 0}, {2, 2}));
+  OneOp crop("CropAndResize");
+  ExpectRunError(Crop(crop, {0, 0, 1, 1}, {0}, {0, 2}));
+  OneOp columns("CropAndResize");
+  columns.In<float>({1, 3, 3, 1}, kRamp).In<float>({2, 3}, {0, 0, 1, 1, 0, 0})
+      .In<int32_t>({2}, {0, 0}).In<int32_t>({2}, {2, 2}).Attr("T", TF_FLOAT);
+  ExpectRunError(columns);
+  OneOp empty_image("CropAndResize");
+  ExpectRunError(Crop(empty_image, {0, 0, 1, 1}, {0}, {2, 2}, {}, {1, 0, 3, 1}));
+}
+
+}  // namespace

@@ -1,0 +1,505 @@
+// Matrix products, bias addition, convolutions and pooling: hand-computed
+// results through the C API, the error paths, and the oneDNN paths checked
+// against the reference loops on seeded random data.
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <random>
+#include <thread>
+
+#include "kernels/conv_util.h"
+#include "kernels/dnnl_ops.h"
+#include "kernels/reference_ops.h"
+#include "one_op.h"
+
+namespace {
+
+using testing_support::Dims;
+using testing_support::ExpectNear;
+using testing_support::ExpectRunError;
+using testing_support::OneOp;
+using L = std::vector<int64_t>;
+using F = std::vector<float>;
+
+const F kA = {1, 2, 3, 4, 5, 6};        // [[1,2,3],[4,5,6]]
+const F kB = {7, 8, 9, 10, 11, 12};     // [[7,8],[9,10],[11,12]]
+const F kAB = {58, 64, 139, 154};
+
+TEST(MatMulOpsTest, TransposesAndDtypes) {
+  const F a_t = {1, 4, 2, 5, 3, 6};     // kA stored transposed, [3,2]
+  const F b_t = {7, 9, 11, 8, 10, 12};  // kB stored transposed, [2,3]
+  struct Case { bool ta, tb; Dims da, db; F a, b; };
+  for (const Case& c : {Case{false, false, {2, 3}, {3, 2}, kA, kB},
+                        Case{true, false, {3, 2}, {3, 2}, a_t, kB},
+                        Case{false, true, {2, 3}, {2, 3}, kA, b_t},
+                        Case{true, true, {3, 2}, {2, 3}, a_t, b_t}}) {
+    OneOp op("MatMul");
+    op.In<float>(c.da, c.a).In<float>(c.db, c.b).Attr("T", TF_FLOAT)
+        .Attr("transpose_a", c.ta).Attr("transpose_b", c.tb);
+    ASSERT_EQ(op.Run(), TF_OK) << op.error();
+    EXPECT_EQ(op.OutputDims(), (Dims{2, 2}));
+    EXPECT_EQ(op.Output<float>(), kAB) << c.ta << c.tb;
+  }
+  OneOp ints("MatMul");
+  ints.In<int32_t>({2, 3}, {1, 2, 3, 4, 5, 6}).In<int32_t>({3, 2}, {7, 8, 9, 10, 11, 12})
+      .Attr("T", TF_INT32);
+  ASSERT_EQ(ints.Run(), TF_OK) << ints.error();
+  EXPECT_EQ(ints.Output<int32_t>(), (std::vector<int32_t>{58, 64, 139, 154}));
+  OneOp doubles("MatMul");
+  doubles.In<double>({1, 2}, {0.5, -2}).In<double>({2, 1}, {4, 0.25}).Attr("T", TF_DOUBLE);
+  ASSERT_EQ(doubles.Run(), TF_OK) << doubles.error();
+  EXPECT_EQ(doubles.Output<double>(), (std::vector<double>{1.5}));
+  // An empty inner dimension sums nothing: zeros, not garbage.
+  OneOp empty("MatMul");
+  empty.In<float>({2, 0}, {}).In<float>({0, 3}, {}).Attr("T", TF_FLOAT);
+  ASSERT_EQ(empty.Run(), TF_OK) << empty.error();
+  EXPECT_EQ(empty.OutputDims(), (Dims{2, 3}));
+  EXPECT_EQ(empty.Output<float>(), F(6, 0.0f));
+}
+
+TEST(MatMulOpsTest, RejectsBadShapes) {
+  OneOp inner("MatMul");
+  inner.In<float>({2, 3}, kA).In<float>({2, 3}, kB).Attr("T", TF_FLOAT);
+  ExpectRunError(inner);
+  OneOp vector("MatMul");
+  vector.In<float>({6}, kA).In<float>({3, 2}, kB).Attr("T", TF_FLOAT);
+  ExpectRunError(vector);
+  // transpose_b makes [3,2] x [2,3]^T mismatch.
+  OneOp transposed("MatMul");
+  transposed.In<float>({2, 3}, kA).In<float>({3, 2}, kB).Attr("T", TF_FLOAT)
+      .Attr("transpose_b", true);
+  ExpectRunError(transposed);
+}
+
+TEST(MatMulOpsTest, BatchMatMulBroadcastsAndAdjoints) {
+  // x: two 2x2 matrices; y: one 2x2 matrix broadcast over them.
+  const F x = {1, 2, 3, 4, 0, 1, 1, 0};
+  const F expected = {19, 22, 43, 50, 7, 8, 5, 6};
+  OneOp plain("BatchMatMulV2");
+  plain.In<float>({2, 2, 2}, x).In<float>({2, 2}, {5, 6, 7, 8}).Attr("T", TF_FLOAT);
+  ASSERT_EQ(plain.Run(), TF_OK) << plain.error();
+  EXPECT_EQ(plain.OutputDims(), (Dims{2, 2, 2}));
+  EXPECT_EQ(plain.Output<float>(), expected);
+  OneOp adj("BatchMatMulV2");
+  adj.In<float>({2, 2, 2}, x).In<float>({1, 2, 2}, {5, 7, 6, 8}).Attr("T", TF_FLOAT)
+      .Attr("adj_y", true);
+  ASSERT_EQ(adj.Run(), TF_OK) << adj.error();
+  EXPECT_EQ(adj.Output<float>(), expected);
+  // [2,1,1,2] x [3,2,1] broadcasts to [2,3,1,1].
+  OneOp both("BatchMatMulV2");
+  both.In<int32_t>({2, 1, 1, 2}, {1, 2, 10, 20})
+      .In<int32_t>({3, 2, 1}, {1, 1, 2, 0, 0, 3}).Attr("T", TF_INT32);
+  ASSERT_EQ(both.Run(), TF_OK) << both.error();
+  EXPECT_EQ(both.OutputDims(), (Dims{2, 3, 1, 1}));
+  EXPECT_EQ(both.Output<int32_t>(), (std::vector<int32_t>{3, 2, 6, 30, 20, 60}));
+
+  OneOp clash("BatchMatMulV2");
+  clash.In<float>({2, 2, 2}, x).In<float>({3, 2, 2}, F(12, 1)).Attr("T", TF_FLOAT);
+  ExpectRunError(clash);
+  OneOp v1("BatchMatMul");  // the first version does not broadcast
+  v1.In<float>({2, 2, 2}, x).In<float>({1, 2, 2}, {5, 6, 7, 8}).Attr("T", TF_FLOAT);
+  ExpectRunError(v1);
+  OneOp low_rank("BatchMatMulV2");
+  low_rank.In<float>({2}, {1, 2}).In<float>({2, 2}, {5, 6, 7, 8}).Attr("T", TF_FLOAT);
+  ExpectRunError(low_rank);
+}
+
+TEST(MatMulOpsTest, BiasAddAlongTheChannelDimension) {
+  OneOp nhwc("BiasAdd");
+  nhwc.In<float>({1, 2, 3}, {0, 1, 2, 3, 4, 5}).In<float>({3}, {10, 20, 30}).Attr("T", TF_FLOAT);
+  ASSERT_EQ(nhwc.Run(), TF_OK) << nhwc.error();
+  EXPECT_EQ(nhwc.OutputDims(), (Dims{1, 2, 3}));
+  EXPECT_EQ(nhwc.Output<float>(), (F{10, 21, 32, 13, 24, 35}));
+  OneOp nchw("BiasAdd");
+  nchw.In<float>({1, 3, 2}, {0, 1, 2, 3, 4, 5}).In<float>({3}, {10, 20, 30})
+      .Attr("T", TF_FLOAT).Attr("data_format", "NCHW");
+  ASSERT_EQ(nchw.Run(), TF_OK) << nchw.error();
+  EXPECT_EQ(nchw.Output<float>(), (F{10, 11, 22, 23, 34, 35}));
+  OneOp ints("BiasAdd");
+  ints.In<int32_t>({2, 2}, {1, 2, 3, 4}).In<int32_t>({2}, {-1, 100}).Attr("T", TF_INT32);
+  ASSERT_EQ(ints.Run(), TF_OK) << ints.error();
+  EXPECT_EQ(ints.Output<int32_t>(), (std::vector<int32_t>{0, 102, 2, 104}));
+
+  OneOp mismatch("BiasAdd");
+  mismatch.In<float>({2, 3}, kA).In<float>({2}, {1, 2}).Attr("T", TF_FLOAT);
+  ExpectRunError(mismatch);
+  OneOp matrix_bias("BiasAdd");
+  matrix_bias.In<float>({2, 3}, kA).In<float>({1, 3}, {1, 2, 3}).Attr("T", TF_FLOAT);
+  ExpectRunError(matrix_bias);
+  OneOp vector_value("BiasAdd");
+  vector_value.In<float>({3}, {1, 2, 3}).In<float>({3}, {1, 2, 3}).Attr("T", TF_FLOAT);
+  ExpectRunError(vector_value);
+}
+
+// A 3x3 single-channel image 1..9 and the 2x2 filter [[1,0],[0,1]], so each
+// output is in(y, x) + in(y + 1, x + 1) relative to the window's corner.
+const F kImage = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+const F kDiag = {1, 0, 0, 1};
+
+OneOp& Conv(OneOp& op, const char* padding, L strides) {
+  return op.In<float>({1, 3, 3, 1}, kImage).In<float>({2, 2, 1, 1}, kDiag)
+      .Attr("T", TF_FLOAT).Attr("padding", padding).Attr("strides", strides);
+}
+
+TEST(ConvOpsTest, PaddingStridesAndDilations) {
+  OneOp valid("Conv2D");
+  Conv(valid, "VALID", {1, 1, 1, 1});
+  ASSERT_EQ(valid.Run(), TF_OK) << valid.error();
+  EXPECT_EQ(valid.OutputDims(), (Dims{1, 2, 2, 1}));
+  EXPECT_EQ(valid.Output<float>(), (F{6, 8, 12, 14}));
+  // SAME pads one row and column, both after the image.
+  OneOp same("Conv2D");
+  Conv(same, "SAME", {1, 1, 1, 1});
+  ASSERT_EQ(same.Run(), TF_OK) << same.error();
+  EXPECT_EQ(same.OutputDims(), (Dims{1, 3, 3, 1}));
+  EXPECT_EQ(same.Output<float>(), (F{6, 8, 3, 12, 14, 6, 7, 8, 9}));
+  OneOp strided("Conv2D");
+  Conv(strided, "SAME", {1, 2, 2, 1});
+  ASSERT_EQ(strided.Run(), TF_OK) << strided.error();
+  EXPECT_EQ(strided.OutputDims(), (Dims{1, 2, 2, 1}));
+  EXPECT_EQ(strided.Output<float>(), (F{6, 3, 7, 9}));
+  // Dilation 2 spreads the taps to the corners.
+  OneOp dilated("Conv2D");
+  Conv(dilated, "VALID", {1, 1, 1, 1}).Attr("dilations", L{1, 2, 2, 1});
+  ASSERT_EQ(dilated.Run(), TF_OK) << dilated.error();
+  EXPECT_EQ(dilated.Output<float>(), (F{10}));
+  // One row on top, one column on the right.
+  OneOp explicit_pad("Conv2D");
+  Conv(explicit_pad, "EXPLICIT", {1, 1, 1, 1})
+      .Attr("explicit_paddings", L{0, 0, 1, 0, 0, 1, 0, 0});
+  ASSERT_EQ(explicit_pad.Run(), TF_OK) << explicit_pad.error();
+  EXPECT_EQ(explicit_pad.OutputDims(), (Dims{1, 3, 3, 1}));
+  EXPECT_EQ(explicit_pad.Output<float>(), (F{2, 3, 0, 6, 8, 3, 12, 14, 6}));
+  // SAME with a 4-wide window over 4 columns: 3 padding cells, 1 before.
+  OneOp odd("Conv2D");
+  odd.In<float>({1, 1, 4, 1}, {1, 2, 3, 4}).In<float>({1, 4, 1, 1}, {1, 0, 0, 0})
+      .Attr("T", TF_FLOAT).Attr("padding", "SAME").Attr("strides", L{1, 1, 1, 1});
+  ASSERT_EQ(odd.Run(), TF_OK) << odd.error();
+  EXPECT_EQ(odd.Output<float>(), (F{0, 1, 2, 3}));
+}
+
+TEST(ConvOpsTest, ChannelsBatchesAndDtypes) {
+  // Two images of two channels into three output channels through 1x1.
+  const F filter = {1, 2, 3, 4, 5, 6};  // [1,1,2,3]
+  OneOp mix("Conv2D");
+  mix.In<float>({2, 1, 1, 2}, {1, 2, 3, 4}).In<float>({1, 1, 2, 3}, filter)
+      .Attr("T", TF_FLOAT).Attr("padding", "VALID").Attr("strides", L{1, 1, 1, 1});
+  ASSERT_EQ(mix.Run(), TF_OK) << mix.error();
+  EXPECT_EQ(mix.OutputDims(), (Dims{2, 1, 1, 3}));
+  EXPECT_EQ(mix.Output<float>(), (F{9, 12, 15, 19, 26, 33}));
+  OneOp ints("Conv2D");
+  ints.In<int32_t>({1, 3, 3, 1}, {1, 2, 3, 4, 5, 6, 7, 8, 9}).In<int32_t>({2, 2, 1, 1}, {1, 0, 0, 1})
+      .Attr("T", TF_INT32).Attr("padding", "VALID").Attr("strides", L{1, 1, 1, 1});
+  ASSERT_EQ(ints.Run(), TF_OK) << ints.error();
+  EXPECT_EQ(ints.Output<int32_t>(), (std::vector<int32_t>{6, 8, 12, 14}));
+  // An empty batch gives an empty output of the right shape.
+  OneOp empty("Conv2D");
+  empty.In<float>({0, 3, 3, 1}, {}).In<float>({2, 2, 1, 1}, kDiag)
+      .Attr("T", TF_FLOAT).Attr("padding", "VALID").Attr("strides", L{1, 1, 1, 1});
+  ASSERT_EQ(empty.Run(), TF_OK) << empty.error();
+  EXPECT_EQ(empty.OutputDims(), (Dims{0, 2, 2, 1}));
+}
+
+TEST(ConvOpsTest, RejectsBadInputsAndAttributes) {
+  auto conv = [](OneOp& op, Dims in, Dims filter) -> OneOp& {
+    int64_t n_in = 1, n_f = 1;
+    for (int64_t d : in) n_in *= d;
+    for (int64_t d : filter) n_f *= d;
+    return op.In<float>(in, F(n_in, 1)).In<float>(filter, F(n_f, 1)).Attr("T", TF_FLOAT)
+        .Attr("strides", L{1, 1, 1, 1}).Attr("padding", "VALID");
+  };
+  OneOp depth("Conv2D");
+  ExpectRunError(conv(depth, {1, 3, 3, 3}, {1, 1, 2, 4}));
+  OneOp groups("Conv2D");  // as TensorFlow's CPU kernel: no grouped convolution
+  ExpectRunError(conv(groups, {1, 3, 3, 4}, {1, 1, 2, 4}), TF_UNIMPLEMENTED);
+  OneOp rank("Conv2D");
+  ExpectRunError(conv(rank, {3, 3, 1}, {1, 1, 1, 1}));
+  OneOp too_big("Conv2D");  // a 3x3 window does not fit a 1x1 image
+  ExpectRunError(conv(too_big, {1, 1, 1, 1}, {3, 3, 1, 1}));
+  OneOp empty_filter("Conv2D");
+  ExpectRunError(conv(empty_filter, {1, 3, 3, 1}, {0, 1, 1, 1}));
+  OneOp batch_stride("Conv2D");
+  ExpectRunError(conv(batch_stride, {1, 3, 3, 1}, {1, 1, 1, 1}).Attr("strides", L{2, 1, 1, 1}));
+  OneOp zero_stride("Conv2D");
+  ExpectRunError(conv(zero_stride, {1, 3, 3, 1}, {1, 1, 1, 1}).Attr("strides", L{1, 0, 1, 1}));
+  OneOp short_strides("Conv2D");
+  ExpectRunError(conv(short_strides, {1, 3, 3, 1}, {1, 1, 1, 1}).Attr("strides", L{1, 1}));
+  OneOp stray_pads("Conv2D");  // explicit paddings without EXPLICIT
+  ExpectRunError(conv(stray_pads, {1, 3, 3, 1}, {1, 1, 1, 1})
+                     .Attr("explicit_paddings", L{0, 0, 1, 1, 1, 1, 0, 0}));
+  OneOp depth_pads("Conv2D");
+  ExpectRunError(conv(depth_pads, {1, 3, 3, 1}, {1, 1, 1, 1}).Attr("padding", "EXPLICIT")
+                     .Attr("explicit_paddings", L{0, 0, 1, 1, 1, 1, 0, 1}));
+  OneOp nchw("Conv2D");
+  ExpectRunError(conv(nchw, {1, 1, 3, 3}, {1, 1, 1, 1}).Attr("data_format", "NCHW"),
+                 TF_UNIMPLEMENTED);
+}
+
+TEST(ConvOpsTest, DepthwiseMultipliesEachChannel) {
+  // Pixels (c0, c1): (1,10) (2,20) / (3,30) (4,40). Per tap [c0m0, c0m1,
+  // c1m0, c1m1]: m0 sums the window; m1 picks the top-left tap for c0 and
+  // the bottom-right one for c1.
+  const F image = {1, 10, 2, 20, 3, 30, 4, 40};
+  const F filter = {1, 1, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 1};
+  OneOp valid("DepthwiseConv2dNative");
+  valid.In<float>({1, 2, 2, 2}, image).In<float>({2, 2, 2, 2}, filter)
+      .Attr("T", TF_FLOAT).Attr("padding", "VALID").Attr("strides", L{1, 1, 1, 1});
+  ASSERT_EQ(valid.Run(), TF_OK) << valid.error();
+  EXPECT_EQ(valid.OutputDims(), (Dims{1, 1, 1, 4}));
+  EXPECT_EQ(valid.Output<float>(), (F{10, 1, 100, 40}));
+  OneOp same("DepthwiseConv2dNative");
+  same.In<float>({1, 2, 2, 2}, image).In<float>({2, 2, 2, 2}, filter)
+      .Attr("T", TF_FLOAT).Attr("padding", "SAME").Attr("strides", L{1, 1, 1, 1});
+  ASSERT_EQ(same.Run(), TF_OK) << same.error();
+  EXPECT_EQ(same.OutputDims(), (Dims{1, 2, 2, 4}));
+  EXPECT_EQ(same.Output<float>(),
+            (F{10, 1, 100, 40, 6, 2, 60, 0, 7, 3, 70, 0, 4, 4, 40, 0}));
+  OneOp doubles("DepthwiseConv2dNative");
+  doubles.In<double>({1, 1, 1, 2}, {2, 3}).In<double>({1, 1, 2, 1}, {0.5, -1})
+      .Attr("T", TF_DOUBLE).Attr("padding", "VALID").Attr("strides", L{1, 1, 1, 1});
+  ASSERT_EQ(doubles.Run(), TF_OK) << doubles.error();
+  EXPECT_EQ(doubles.Output<double>(), (std::vector<double>{1, -3}));
+
+  OneOp mismatch("DepthwiseConv2dNative");
+  mismatch.In<float>({1, 2, 2, 2}, image).In<float>({1, 1, 3, 1}, {1, 1, 1})
+      .Attr("T", TF_FLOAT).Attr("padding", "VALID").Attr("strides", L{1, 1, 1, 1});
+  ExpectRunError(mismatch);
+}
+
+OneOp& Pool(OneOp& op, const F& image, L ksize, L strides, const char* padding) {
+  return op.In<float>({1, 3, 3, 1}, image).Attr("T", TF_FLOAT).Attr("ksize", ksize)
+      .Attr("strides", strides).Attr("padding", padding);
+}
+
+TEST(PoolingOpsTest, MaxPoolIgnoresPadding) {
+  // All negative: zero padding would win at the edges if it were counted.
+  const F negative = {-1, -2, -3, -4, -5, -6, -7, -8, -9};
+  OneOp same("MaxPool");
+  Pool(same, negative, {1, 2, 2, 1}, {1, 1, 1, 1}, "SAME");
+  ASSERT_EQ(same.Run(), TF_OK) << same.error();
+  EXPECT_EQ(same.OutputDims(), (Dims{1, 3, 3, 1}));
+  EXPECT_EQ(same.Output<float>(), negative);
+  OneOp valid("MaxPool");
+  Pool(valid, kImage, {1, 2, 2, 1}, {1, 1, 1, 1}, "VALID");
+  ASSERT_EQ(valid.Run(), TF_OK) << valid.error();
+  EXPECT_EQ(valid.Output<float>(), (F{5, 6, 8, 9}));
+  // 3x3 windows at stride 2: one padding row and column on each side, so
+  // the first window does not reach the 9 in the far corner.
+  OneOp strided("MaxPool");
+  Pool(strided, {1, 1, 1, 1, 2, 1, 1, 1, 9}, {1, 3, 3, 1}, {1, 2, 2, 1}, "SAME");
+  ASSERT_EQ(strided.Run(), TF_OK) << strided.error();
+  EXPECT_EQ(strided.Output<float>(), (F{2, 2, 2, 9}));
+  OneOp ints("MaxPool");
+  ints.In<int32_t>({1, 1, 4, 2}, {1, -1, 5, -5, 2, -2, 0, 7}).Attr("T", TF_INT32)
+      .Attr("ksize", L{1, 1, 2, 1}).Attr("strides", L{1, 1, 2, 1}).Attr("padding", "VALID");
+  ASSERT_EQ(ints.Run(), TF_OK) << ints.error();
+  EXPECT_EQ(ints.Output<int32_t>(), (std::vector<int32_t>{5, -1, 2, 7}));
+  OneOp explicit_pad("MaxPool");
+  Pool(explicit_pad, negative, {1, 1, 1, 1}, {1, 1, 1, 1}, "EXPLICIT")
+      .Attr("explicit_paddings", L{0, 0, 1, 0, 0, 0, 0, 0});
+  ASSERT_EQ(explicit_pad.Run(), TF_OK) << explicit_pad.error();
+  EXPECT_EQ(explicit_pad.OutputDims(), (Dims{1, 4, 3, 1}));
+  const float lowest = std::numeric_limits<float>::lowest();
+  EXPECT_EQ(explicit_pad.Output<float>(),
+            (F{lowest, lowest, lowest, -1, -2, -3, -4, -5, -6, -7, -8, -9}));
+}
+
+TEST(PoolingOpsTest, AvgPoolAveragesInBoundsCells) {
+  OneOp same("AvgPool");
+  Pool(same, kImage, {1, 2, 2, 1}, {1, 1, 1, 1}, "SAME");
+  ASSERT_EQ(same.Run(), TF_OK) << same.error();
+  EXPECT_EQ(same.Output<float>(), (F{3, 4, 4.5f, 6, 7, 7.5f, 7.5f, 8.5f, 9}));
+  OneOp valid("AvgPool");
+  Pool(valid, kImage, {1, 3, 3, 1}, {1, 1, 1, 1}, "VALID");
+  ASSERT_EQ(valid.Run(), TF_OK) << valid.error();
+  EXPECT_EQ(valid.Output<float>(), (F{5}));
+}
+
+TEST(PoolingOpsTest, RejectsBadInputsAndAttributes) {
+  OneOp rank("MaxPool");
+  rank.In<float>({3, 3, 1}, kImage).Attr("T", TF_FLOAT).Attr("ksize", L{1, 2, 2, 1})
+      .Attr("strides", L{1, 1, 1, 1}).Attr("padding", "VALID");
+  ExpectRunError(rank);
+  OneOp batch_window("MaxPool");
+  ExpectRunError(Pool(batch_window, kImage, {2, 2, 2, 1}, {1, 1, 1, 1}, "VALID"));
+  OneOp zero_window("AvgPool");
+  ExpectRunError(Pool(zero_window, kImage, {1, 0, 2, 1}, {1, 1, 1, 1}, "VALID"));
+  OneOp too_big("MaxPool");
+  ExpectRunError(Pool(too_big, kImage, {1, 5, 1, 1}, {1, 1, 1, 1}, "VALID"));
+  OneOp nchw("MaxPool");
+  ExpectRunError(Pool(nchw, kImage, {1, 1, 2, 2}, {1, 1, 1, 1}, "VALID")
+                     .Attr("data_format", "NCHW"));
+}
+
+// ---- oneDNN against the reference loops ----
+
+F RandomVector(std::mt19937& rng, int64_t n) {
+  std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
+  F v(n);
+  for (float& x : v) x = dist(rng);
+  return v;
+}
+
+void ExpectClose(const F& fast, const F& ref) {
+  ASSERT_EQ(fast.size(), ref.size());
+  for (size_t i = 0; i < ref.size(); ++i) {
+    ASSERT_NEAR(fast[i], ref[i], 1e-4f * std::max(1.0f, std::fabs(ref[i]))) << "at " << i;
+  }
+}
+
+struct WindowCase {
+  int64_t batch, h, w, c, kh, kw, out_c, groups;
+  minitf::WindowAttrs attrs;
+};
+
+minitf::WindowAttrs Attrs(minitf::Padding padding, int64_t stride, int64_t dil = 1,
+                          int64_t k = 1, L pads = {0, 0, 0, 0}) {
+  minitf::WindowAttrs a;
+  a.padding = padding;
+  a.stride_h = stride;
+  a.stride_w = stride + (stride > 1 ? 1 : 0);  // unequal strides on purpose
+  a.dil_h = dil;
+  a.dil_w = dil;
+  a.k_h = k;
+  a.k_w = k;
+  a.pad_top = pads[0];
+  a.pad_bottom = pads[1];
+  a.pad_left = pads[2];
+  a.pad_right = pads[3];
+  return a;
+}
+
+minitf::WindowGeometry Geometry(const WindowCase& c) {
+  minitf::WindowGeometry g;
+  g.batch = c.batch;
+  g.in_h = c.h;
+  g.in_w = c.w;
+  g.in_c = c.c;
+  g.k_h = c.kh;
+  g.k_w = c.kw;
+  g.out_c = c.out_c;
+  g.groups = c.groups;
+  const std::string name = "differential";
+  minitf::OpContext ctx(name, {}, {}, nullptr);
+  minitf::Status s = minitf::ComputeWindow(ctx, c.attrs, &g);
+  EXPECT_TRUE(s.ok()) << s.message();
+  return g;
+}
+
+TEST(DnnlDifferentialTest, ConvolutionsMatchReference) {
+  if (!minitf::DnnlAvailable()) GTEST_SKIP() << "built without oneDNN";
+  using minitf::Padding;
+  const WindowCase cases[] = {
+      {2, 7, 9, 3, 3, 3, 5, 1, Attrs(Padding::kSame, 1)},
+      {1, 11, 8, 4, 3, 2, 7, 1, Attrs(Padding::kValid, 2)},
+      {3, 9, 10, 5, 3, 3, 6, 1, Attrs(Padding::kExplicit, 1, 2, 1, {2, 1, 0, 3})},
+      {1, 6, 7, 6, 3, 3, 9, 3, Attrs(Padding::kSame, 2)},    // 3 groups of 2 -> 3
+      {2, 9, 9, 5, 3, 3, 10, 5, Attrs(Padding::kSame, 1)},   // depthwise, multiplier 2
+      {1, 13, 13, 8, 5, 5, 8, 8, Attrs(Padding::kSame, 2)},  // depthwise, stride 2
+      {1, 5, 5, 17, 1, 1, 33, 1, Attrs(Padding::kValid, 1)},
+  };
+  std::mt19937 rng(1234);
+  for (const WindowCase& c : cases) {
+    const minitf::WindowGeometry g = Geometry(c);
+    const F in = RandomVector(rng, g.batch * g.in_h * g.in_w * g.in_c);
+    const F filter = RandomVector(rng, g.k_h * g.k_w * (g.in_c / g.groups) * g.out_c);
+    F ref(g.batch * g.out_h * g.out_w * g.out_c), fast(ref.size(), -7.0f);
+    minitf::reference::Conv2D<float>(g, in.data(), filter.data(), ref.data(), nullptr);
+    minitf::DnnlConv2D conv;
+    ASSERT_TRUE(conv.Run(g, in.data(), filter.data(), fast.data()));
+    ExpectClose(fast, ref);
+    // The cached primitive gives the same again.
+    std::fill(fast.begin(), fast.end(), -7.0f);
+    ASSERT_TRUE(conv.Run(g, in.data(), filter.data(), fast.data()));
+    ExpectClose(fast, ref);
+  }
+}
+
+TEST(DnnlDifferentialTest, PoolingMatchesReference) {
+  if (!minitf::DnnlAvailable()) GTEST_SKIP() << "built without oneDNN";
+  using minitf::Padding;
+  const WindowCase cases[] = {
+      {2, 7, 9, 3, 3, 3, 3, 1, Attrs(Padding::kSame, 2, 1, 3)},
+      {1, 8, 11, 5, 2, 2, 5, 1, Attrs(Padding::kValid, 2, 1, 2)},
+      {1, 10, 10, 17, 3, 3, 17, 1, Attrs(Padding::kSame, 1, 1, 3)},
+      {3, 6, 5, 2, 2, 2, 2, 1, Attrs(Padding::kExplicit, 1, 1, 2, {1, 0, 1, 1})},
+  };
+  std::mt19937 rng(99);
+  for (const WindowCase& c : cases) {
+    const minitf::WindowGeometry g = Geometry(c);
+    const F in = RandomVector(rng, g.batch * g.in_h * g.in_w * g.in_c);
+    for (bool max : {true, false}) {
+      F ref(g.batch * g.out_h * g.out_w * g.in_c), fast(ref.size(), -7.0f);
+      if (max) {
+        minitf::reference::MaxPool<float>(g, in.data(), ref.data(), nullptr);
+      } else {
+        minitf::reference::AvgPool<float>(g, in.data(), ref.data(), nullptr);
+      }
+      minitf::DnnlPool pool(max);
+      ASSERT_TRUE(pool.Run(g, in.data(), fast.data())) << max;
+      ExpectClose(fast, ref);
+    }
+  }
+}
+
+TEST(DnnlDifferentialTest, GemmMatchesReference) {
+  if (!minitf::DnnlAvailable()) GTEST_SKIP() << "built without oneDNN";
+  std::mt19937 rng(7);
+  const int64_t m = 17, n = 13, k = 29;
+  const F a = RandomVector(rng, m * k), b = RandomVector(rng, k * n);
+  for (bool ta : {false, true}) {
+    for (bool tb : {false, true}) {
+      F ref(m * n), fast(m * n, -7.0f);
+      minitf::reference::Gemm<float>(ta, tb, m, n, k, a.data(), b.data(), ref.data(), nullptr);
+      ASSERT_TRUE(minitf::DnnlGemm(ta, tb, m, n, k, a.data(), b.data(), fast.data()));
+      ExpectClose(fast, ref);
+    }
+  }
+}
+
+// One session run from several threads at once shares the kernel's
+// primitive cache; every thread must see the right result.
+TEST(DnnlDifferentialTest, ConcurrentRunsShareOneKernel) {
+  testing_support::GraphBuilder g;
+  g.Placeholder("x", TF_FLOAT);
+  g.Const<float>("w", {2, 2, 1, 1}, kDiag);
+  g.Node("Conv2D", "conv").Input("x").Input("w").Attr("T", TF_FLOAT)
+      .Attr("strides", L{1, 1, 1, 1}).Attr("padding", "VALID");
+  testing_support::TestSession s(g.Serialize());
+  ASSERT_EQ(s.code(), TF_OK) << s.message();
+  std::vector<std::thread> threads;
+  std::vector<int> failures(4, 0);
+  std::mutex mu;
+  std::string first_error;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 20; ++i) {
+        // Alternate two image sizes so the cache is filled concurrently.
+        const bool big = (i + t) % 2 == 0;
+        F image = big ? F{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16} : kImage;
+        const F expected = big ? F{7, 9, 11, 15, 17, 19, 23, 25, 27} : F{6, 8, 12, 14};
+        const int64_t side = big ? 4 : 3;
+        for (float& v : image) v += t;
+        auto x = testing_support::MakeTensor<float>({1, side, side, 1}, image);
+        std::vector<testing_support::TensorPtr> out;
+        if (s.Run({{"x", x.get()}}, {"conv"}, &out) != TF_OK) {
+          ++failures[t];
+          continue;
+        }
+        F got = testing_support::Values<float>(out[0].get());
+        F want = expected;
+        for (float& v : want) v += 2 * t;
+        if (got != want) {
+          ++failures[t];
+          std::lock_guard<std::mutex> lock(mu);
+          first_error = ::testing::PrintToString(got) + " instead of " +
+                        ::testing::PrintToString(want);
+        }
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(failures, std::vector<int>(4, 0)) << first_error;
+}
+
+}  // namespace
