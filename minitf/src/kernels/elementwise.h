@@ -1,0 +1,125 @@
+// Pieces shared by the elementwise and reduction kernels: scalar arithmetic
+// and the kernel that maps a functor over a tensor.
+//
+// Integer arithmetic wraps around as TensorFlow's does on two's-complement
+// hardware; it goes through unsigned types so that overflow is defined
+// behaviour here rather than undefined.
+#ifndef MINITF_KERNELS_ELEMENTWISE_H_
+#define MINITF_KERNELS_ELEMENTWISE_H_
+
+#include <cmath>
+#include <cstdint>
+#include <type_traits>
+#include <utility>
+
+#include "kernel.h"
+#include "tensor.h"
+#include "types.h"
+
+namespace minitf {
+
+// Unsigned type at least as wide as int, so narrow types do not promote
+// back to signed int before the operation.
+template <typename T>
+using WrapType = std::conditional_t<(sizeof(T) < sizeof(unsigned)), unsigned,
+                                    std::make_unsigned_t<T>>;
+
+template <typename T>
+inline T WrapAdd(T a, T b) {
+  if constexpr (std::is_integral_v<T>) {
+    return static_cast<T>(static_cast<WrapType<T>>(a) + static_cast<WrapType<T>>(b));
+  } else {
+    return a + b;
+  }
+}
+
+template <typename T>
+inline T WrapSub(T a, T b) {
+  if constexpr (std::is_integral_v<T>) {
+    return static_cast<T>(static_cast<WrapType<T>>(a) - static_cast<WrapType<T>>(b));
+  } else {
+    return a - b;
+  }
+}
+
+template <typename T>
+inline T WrapMul(T a, T b) {
+  if constexpr (std::is_integral_v<T>) {
+    return static_cast<T>(static_cast<WrapType<T>>(a) * static_cast<WrapType<T>>(b));
+  } else {
+    return a * b;
+  }
+}
+
+template <typename T>
+inline T WrapNeg(T a) {
+  if constexpr (std::is_integral_v<T>) {
+    return static_cast<T>(WrapType<T>(0) - static_cast<WrapType<T>>(a));
+  } else {
+    return -a;
+  }
+}
+
+template <typename T>
+inline bool IsNan(T v) {
+  if constexpr (std::is_floating_point_v<T>) {
+    return std::isnan(v);
+  } else {
+    return false;
+  }
+}
+
+// Element `i` of an integer index tensor (int16, int32 or int64).
+inline int64_t IndexAt(const Tensor& t, int64_t i) {
+  switch (t.dtype()) {
+    case TF_INT16: return t.data<int16_t>()[i];
+    case TF_INT32: return t.data<int32_t>()[i];
+    default: return t.data<int64_t>()[i];
+  }
+}
+
+namespace elementwise_internal {
+template <typename Op, typename = void>
+struct HasInit : std::false_type {};
+template <typename Op>
+struct HasInit<Op, std::void_t<decltype(std::declval<Op&>().Init(
+                       std::declval<const KernelInit&>()))>> : std::true_type {};
+}  // namespace elementwise_internal
+
+// y = op(x) elementwise, for x of attribute T among Ts. Op has
+// `static constexpr int64_t kCost`, a templated `T operator()(T) const`, and
+// optionally `Status Init(const KernelInit&)` to read its own attributes.
+template <typename Op, typename... Ts>
+class UnaryKernel : public OpKernel {
+ public:
+  Status Init(const KernelInit& init) {
+    MINITF_RETURN_IF_ERROR(init.GetAttr("T", &type_));
+    if constexpr (elementwise_internal::HasInit<Op>::value) {
+      MINITF_RETURN_IF_ERROR(op_.Init(init));
+    }
+    return Status::OK();
+  }
+
+  Status Compute(OpContext* ctx) const override {
+    const Tensor& x = ctx->input(0);
+    Tensor* y = nullptr;
+    MINITF_RETURN_IF_ERROR(ctx->allocate_output(0, x.shape(), &y));
+    return DispatchType<Ts...>(type_, [&](auto tag) {
+      using T = typename decltype(tag)::type;
+      const T* in = x.data<T>();
+      T* out = y->data<T>();
+      ctx->ParallelFor(x.num_elements(), Op::kCost, [&](int64_t b, int64_t e) {
+        for (int64_t i = b; i < e; ++i) out[i] = op_(in[i]);
+      });
+      return Status::OK();
+    });
+  }
+
+ private:
+  DataType type_ = kInvalidType;
+  Op op_;
+};
+
+}  // namespace minitf
+
+#endif  // MINITF_KERNELS_ELEMENTWISE_H_

@@ -1,0 +1,184 @@
+// Elementwise unary math. Each op is a functor over one element; one kernel
+// template dispatches on the element type and runs it over the tensor.
+#include <cmath>
+#include <limits>
+#include <type_traits>
+
+#include "kernels/elementwise.h"
+#include "op_registry.h"
+
+namespace minitf {
+namespace {
+
+struct NegOp {
+  static constexpr int64_t kCost = 1;
+  template <typename T> T operator()(T x) const { return WrapNeg(x); }
+};
+
+struct AbsOp {
+  static constexpr int64_t kCost = 1;
+  template <typename T> T operator()(T x) const {
+    if constexpr (std::is_floating_point_v<T>) {
+      return std::fabs(x);
+    } else if constexpr (std::is_signed_v<T>) {
+      return x < 0 ? WrapNeg(x) : x;  // INT_MIN stays INT_MIN
+    } else {
+      return x;
+    }
+  }
+};
+
+struct SquareOp {
+  static constexpr int64_t kCost = 1;
+  template <typename T> T operator()(T x) const { return WrapMul(x, x); }
+};
+
+struct SignOp {
+  static constexpr int64_t kCost = 1;
+  // NaN compares false both ways and so maps to 0.
+  template <typename T> T operator()(T x) const {
+    return static_cast<T>((T(0) < x) - (x < T(0)));
+  }
+};
+
+// Rounds half to even; integers are already rounded.
+struct RoundOp {
+  static constexpr int64_t kCost = 2;
+  template <typename T> T operator()(T x) const {
+    if constexpr (std::is_floating_point_v<T>) {
+      T f = std::floor(x);
+      const T d = x - f;
+      if (d > T(0.5) || (d == T(0.5) && std::fmod(f, T(2)) != 0)) f += 1;
+      return f;
+    } else {
+      return x;
+    }
+  }
+};
+
+struct FloorOp {
+  static constexpr int64_t kCost = 1;
+  template <typename T> T operator()(T x) const { return std::floor(x); }
+};
+
+struct CeilOp {
+  static constexpr int64_t kCost = 1;
+  template <typename T> T operator()(T x) const { return std::ceil(x); }
+};
+
+struct ExpOp {
+  static constexpr int64_t kCost = 20;
+  template <typename T> T operator()(T x) const { return std::exp(x); }
+};
+
+struct LogOp {
+  static constexpr int64_t kCost = 20;
+  template <typename T> T operator()(T x) const { return std::log(x); }
+};
+
+struct SqrtOp {
+  static constexpr int64_t kCost = 4;
+  template <typename T> T operator()(T x) const { return std::sqrt(x); }
+};
+
+struct RsqrtOp {
+  static constexpr int64_t kCost = 5;
+  template <typename T> T operator()(T x) const { return T(1) / std::sqrt(x); }
+};
+
+struct ReciprocalOp {
+  static constexpr int64_t kCost = 2;
+  template <typename T> T operator()(T x) const { return T(1) / x; }
+};
+
+struct SigmoidOp {
+  static constexpr int64_t kCost = 25;
+  // exp(-x) overflows to inf for very negative x, giving exactly 0.
+  template <typename T> T operator()(T x) const { return T(1) / (T(1) + std::exp(-x)); }
+};
+
+struct TanhOp {
+  static constexpr int64_t kCost = 25;
+  template <typename T> T operator()(T x) const { return std::tanh(x); }
+};
+
+struct ErfOp {
+  static constexpr int64_t kCost = 25;
+  template <typename T> T operator()(T x) const { return std::erf(x); }
+};
+
+// log(1 + exp(x)), switching to x or exp(x) where one term no longer
+// changes the result at the type's precision.
+struct SoftplusOp {
+  static constexpr int64_t kCost = 40;
+  template <typename T> T operator()(T x) const {
+    const T threshold = std::log(std::numeric_limits<T>::epsilon()) + T(2);
+    if (x > -threshold) return x;
+    if (x < threshold) return std::exp(x);
+    return std::log1p(std::exp(x));
+  }
+};
+
+class LogicalNotKernel : public OpKernel {
+ public:
+  Status Init(const KernelInit&) { return Status::OK(); }
+
+  Status Compute(OpContext* ctx) const override {
+    const Tensor& x = ctx->input(0);
+    Tensor* y = nullptr;
+    MINITF_RETURN_IF_ERROR(ctx->allocate_output(0, x.shape(), &y));
+    // Read as bytes: a fed bool buffer may hold any byte value.
+    const uint8_t* in = x.data<uint8_t>();
+    bool* out = y->data<bool>();
+    ctx->ParallelFor(x.num_elements(), 1, [&](int64_t b, int64_t e) {
+      for (int64_t i = b; i < e; ++i) out[i] = in[i] == 0;
+    });
+    return Status::OK();
+  }
+};
+
+OpDef UnaryDef(const char* name, const char* types) {
+  return OpDef(name).Input("x: T").Output("y: T").Attr(types);
+}
+
+constexpr const char* kFloatTypes = "T: {float, double}";
+constexpr const char* kSignedTypes = "T: {float, double, int8, int16, int32, int64}";
+
+template <typename Op>
+KernelFactory FloatKernel() {
+  return MakeKernel<UnaryKernel<Op, float, double>>;
+}
+
+template <typename Op>
+KernelFactory SignedKernel() {
+  return MakeKernel<UnaryKernel<Op, float, double, int8_t, int16_t, int32_t, int64_t>>;
+}
+
+}  // namespace
+
+void RegisterUnaryOps(OpRegistry& r) {
+  r.Register(UnaryDef("Neg", kSignedTypes), SignedKernel<NegOp>());
+  r.Register(UnaryDef("Abs", kSignedTypes), SignedKernel<AbsOp>());
+  r.Register(UnaryDef("Sign", kSignedTypes), SignedKernel<SignOp>());
+  r.Register(UnaryDef("Round", kSignedTypes), SignedKernel<RoundOp>());
+  r.Register(UnaryDef("Square", "T: {float, double, int8, int16, int32, int64, uint8, uint16}"),
+             MakeKernel<UnaryKernel<SquareOp, MINITF_REAL_TYPES>>);
+
+  r.Register(UnaryDef("Floor", kFloatTypes), FloatKernel<FloorOp>());
+  r.Register(UnaryDef("Ceil", kFloatTypes), FloatKernel<CeilOp>());
+  r.Register(UnaryDef("Exp", kFloatTypes), FloatKernel<ExpOp>());
+  r.Register(UnaryDef("Log", kFloatTypes), FloatKernel<LogOp>());
+  r.Register(UnaryDef("Sqrt", kFloatTypes), FloatKernel<SqrtOp>());
+  r.Register(UnaryDef("Rsqrt", kFloatTypes), FloatKernel<RsqrtOp>());
+  r.Register(UnaryDef("Reciprocal", kFloatTypes), FloatKernel<ReciprocalOp>());
+  r.Register(UnaryDef("Sigmoid", kFloatTypes), FloatKernel<SigmoidOp>());
+  r.Register(UnaryDef("Tanh", kFloatTypes), FloatKernel<TanhOp>());
+  r.Register(UnaryDef("Erf", kFloatTypes), FloatKernel<ErfOp>());
+  r.Register(OpDef("Softplus").Input("features: T").Output("activations: T").Attr(kFloatTypes),
+             FloatKernel<SoftplusOp>());
+
+  r.Register(OpDef("LogicalNot").Input("x: bool").Output("y: bool"),
+             MakeKernel<LogicalNotKernel>);
+}
+
+}  // namespace minitf

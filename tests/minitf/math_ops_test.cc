@@ -1,0 +1,355 @@
+// Elementwise math kernels: binary arithmetic with broadcasting,
+// comparisons, logical ops, unary math and activations.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "minitf/one_op.h"
+
+namespace {
+
+using testing_support::Dims;
+using testing_support::DTypeOf;
+using testing_support::ExpectNear;
+using testing_support::ExpectRunError;
+using testing_support::OneOp;
+
+const float kNan = std::numeric_limits<float>::quiet_NaN();
+const float kInf = std::numeric_limits<float>::infinity();
+
+// Runs a binary op on two constants; empty result when the run fails.
+template <typename T, typename Out = T>
+std::vector<Out> Binary(const std::string& op, const Dims& xd, const std::vector<T>& x,
+                        const Dims& yd, const std::vector<T>& y, Dims* out_dims = nullptr) {
+  OneOp o(op);
+  o.In<T>(xd, x).template In<T>(yd, y);
+  if (op.rfind("Logical", 0) != 0) o.Attr("T", DTypeOf<T>());  // LogicalAnd/Or have no T
+  EXPECT_EQ(o.Run(), TF_OK) << op << ": " << o.error();
+  if (!o.error().empty()) return {};
+  if (out_dims != nullptr) *out_dims = o.OutputDims();
+  return o.Output<Out>();
+}
+
+template <typename T>
+std::vector<T> Unary(const std::string& op, const std::vector<T>& x) {
+  OneOp o(op);
+  o.In<T>({static_cast<int64_t>(x.size())}, x).Attr("T", DTypeOf<T>());
+  EXPECT_EQ(o.Run(), TF_OK) << op << ": " << o.error();
+  if (!o.error().empty()) return {};
+  return o.Output<T>();
+}
+
+TEST(BinaryOpsTest, FloatArithmetic) {
+  const std::vector<float> x{1.5f, -2, 0, 4}, y{0.5f, 4, -3, -8};
+  EXPECT_EQ(Binary<float>("Add", {4}, x, {4}, y), (std::vector<float>{2, 2, -3, -4}));
+  EXPECT_EQ(Binary<float>("AddV2", {4}, x, {4}, y), (std::vector<float>{2, 2, -3, -4}));
+  EXPECT_EQ(Binary<float>("Sub", {4}, x, {4}, y), (std::vector<float>{1, -6, 3, 12}));
+  EXPECT_EQ(Binary<float>("Mul", {4}, x, {4}, y), (std::vector<float>{0.75f, -8, -0.f, -32}));
+  EXPECT_EQ(Binary<float>("RealDiv", {4}, x, {4}, y), (std::vector<float>{3, -0.5f, -0.f, -0.5f}));
+  EXPECT_EQ(Binary<float>("Div", {4}, x, {4}, y), (std::vector<float>{3, -0.5f, -0.f, -0.5f}));
+  EXPECT_EQ(Binary<float>("Maximum", {4}, x, {4}, y), (std::vector<float>{1.5f, 4, 0, 4}));
+  EXPECT_EQ(Binary<float>("Minimum", {4}, x, {4}, y), (std::vector<float>{0.5f, -2, -3, -8}));
+  EXPECT_EQ(Binary<float>("SquaredDifference", {4}, x, {4}, y),
+            (std::vector<float>{1, 36, 9, 144}));
+  ExpectNear(Binary<float>("Pow", {3}, {2, 9, 0.5f}, {3}, {10, 0.5f, -1}), {1024, 3, 2});
+  // Float division by zero is IEEE, not an error.
+  const auto q = Binary<float>("RealDiv", {3}, {1, -1, 0}, {1}, {0});
+  ASSERT_EQ(q.size(), 3u);
+  EXPECT_EQ(q[0], kInf);
+  EXPECT_EQ(q[1], -kInf);
+  EXPECT_TRUE(std::isnan(q[2]));
+  // Maximum and Minimum propagate NaN from either side.
+  const auto mx = Binary<float>("Maximum", {2}, {kNan, 1}, {2}, {1, kNan});
+  const auto mn = Binary<float>("Minimum", {2}, {kNan, 1}, {2}, {1, kNan});
+  ASSERT_EQ(mx.size(), 2u);
+  ASSERT_EQ(mn.size(), 2u);
+  EXPECT_TRUE(std::isnan(mx[0]) && std::isnan(mx[1]));
+  EXPECT_TRUE(std::isnan(mn[0]) && std::isnan(mn[1]));
+  // Doubles take the same path.
+  EXPECT_EQ(Binary<double>("Mul", {2}, {0.1, 3}, {}, {10}), (std::vector<double>{0.1 * 10, 30}));
+}
+
+TEST(BinaryOpsTest, IntegerDivisionRoundsLikeTensorFlow) {
+  const std::vector<int32_t> x{7, -7, 7, -7, 6}, y{2, 2, -2, -2, 3};
+  EXPECT_EQ(Binary<int32_t>("FloorDiv", {5}, x, {5}, y), (std::vector<int32_t>{3, -4, -4, 3, 2}));
+  EXPECT_EQ(Binary<int32_t>("FloorMod", {5}, x, {5}, y), (std::vector<int32_t>{1, 1, -1, -1, 0}));
+  EXPECT_EQ(Binary<int32_t>("Div", {5}, x, {5}, y), (std::vector<int32_t>{3, -3, -3, 3, 2}));
+  EXPECT_EQ(Binary<int64_t>("FloorDiv", {2}, {-1, 1}, {1}, {INT64_C(-3)}),
+            (std::vector<int64_t>{0, -1}));
+  EXPECT_EQ(Binary<uint8_t>("FloorMod", {2}, {200, 7}, {1}, {9}), (std::vector<uint8_t>{2, 7}));
+  // Float versions floor the true quotient; the remainder takes y's sign.
+  EXPECT_EQ(Binary<float>("FloorDiv", {3}, {-7, 7, 7.5f}, {3}, {2, 2, -2}),
+            (std::vector<float>{-4, 3, -4}));
+  EXPECT_EQ(Binary<float>("FloorMod", {3}, {-7, 7, 7.5f}, {3}, {2, 2, -2}),
+            (std::vector<float>{1, 1, -0.5f}));
+  // INT_MIN / -1 wraps instead of trapping.
+  const int32_t kMin = std::numeric_limits<int32_t>::min();
+  EXPECT_EQ(Binary<int32_t>("Div", {1}, {kMin}, {1}, {-1}), (std::vector<int32_t>{kMin}));
+  EXPECT_EQ(Binary<int32_t>("FloorDiv", {1}, {kMin}, {1}, {-1}), (std::vector<int32_t>{kMin}));
+  EXPECT_EQ(Binary<int32_t>("FloorMod", {1}, {kMin}, {1}, {-1}), (std::vector<int32_t>{0}));
+}
+
+TEST(BinaryOpsTest, IntegerErrorsNameTheNode) {
+  for (const char* op : {"Div", "RealDiv", "FloorDiv", "FloorMod"}) {
+    OneOp o(op);
+    o.In<int32_t>({3}, {1, 2, 3}).In<int32_t>({3}, {1, 0, 1}).Attr("T", TF_INT32);
+    ExpectRunError(o);
+    EXPECT_NE(o.error().find("Integer division by zero"), std::string::npos) << o.error();
+  }
+  OneOp byte_zero("FloorDiv");
+  byte_zero.In<uint8_t>({2}, {1, 2}).In<uint8_t>({}, {0}).Attr("T", TF_UINT8);
+  ExpectRunError(byte_zero);
+  OneOp pow("Pow");
+  pow.In<int32_t>({2}, {2, 2}).In<int32_t>({2}, {3, -1}).Attr("T", TF_INT32);
+  ExpectRunError(pow);
+  // A zero divisor that meets no dividend (empty output) is not an error.
+  EXPECT_TRUE(Binary<int32_t>("FloorDiv", {0}, {}, {1}, {0}).empty());
+}
+
+TEST(BinaryOpsTest, IntegerArithmeticWraps) {
+  const int32_t kMax = std::numeric_limits<int32_t>::max();
+  const int32_t kMin = std::numeric_limits<int32_t>::min();
+  EXPECT_EQ(Binary<int32_t>("Add", {2}, {kMax, kMin}, {2}, {1, -1}),
+            (std::vector<int32_t>{kMin, kMax}));
+  EXPECT_EQ(Binary<int32_t>("Mul", {1}, {65536}, {1}, {65536}), (std::vector<int32_t>{0}));
+  EXPECT_EQ(Binary<uint8_t>("Add", {2}, {200, 3}, {2}, {100, 4}), (std::vector<uint8_t>{44, 7}));
+  EXPECT_EQ(Binary<uint8_t>("Sub", {1}, {3}, {1}, {4}), (std::vector<uint8_t>{255}));
+  // Integer powers: exact, wrapping past the type's range.
+  EXPECT_EQ(Binary<int32_t>("Pow", {5}, {3, -2, 7, 2, 0}, {5}, {4, 3, 0, 31, 0}),
+            (std::vector<int32_t>{81, -8, 1, kMin, 1}));
+  EXPECT_EQ(Binary<int64_t>("SquaredDifference", {2}, {-3, 10}, {2}, {4, 10}),
+            (std::vector<int64_t>{49, 0}));
+  EXPECT_EQ(Binary<int32_t>("Maximum", {3}, {-5, 2, 9}, {}, {3}), (std::vector<int32_t>{3, 3, 9}));
+}
+
+TEST(BroadcastTest, ShapesCombineLikeNumpy) {
+  Dims dims;
+  // [2,1,3] with [4,1]: both operands repeat along different axes.
+  const std::vector<int32_t> x{0, 1, 2, 10, 11, 12}, y{100, 200, 300, 400};
+  EXPECT_EQ(Binary<int32_t>("Add", {2, 1, 3}, x, {4, 1}, y, &dims),
+            (std::vector<int32_t>{100, 101, 102, 200, 201, 202, 300, 301, 302, 400, 401, 402,
+                                  110, 111, 112, 210, 211, 212, 310, 311, 312, 410, 411, 412}));
+  EXPECT_EQ(dims, (Dims{2, 4, 3}));
+  // Operand order matters for Sub.
+  EXPECT_EQ(Binary<int32_t>("Sub", {4, 1}, y, {2, 1, 3}, x, &dims),
+            (std::vector<int32_t>{100, 99, 98, 200, 199, 198, 300, 299, 298, 400, 399, 398,
+                                  90, 89, 88, 190, 189, 188, 290, 289, 288, 390, 389, 388}));
+  // Column times row.
+  EXPECT_EQ(Binary<int32_t>("Mul", {3, 1}, {1, 2, 3}, {1, 4}, {1, 10, 100, 1000}, &dims),
+            (std::vector<int32_t>{1, 10, 100, 1000, 2, 20, 200, 2000, 3, 30, 300, 3000}));
+  EXPECT_EQ(dims, (Dims{3, 4}));
+  // Scalars on either side, and a one-element tensor of higher rank.
+  EXPECT_EQ(Binary<float>("Sub", {}, {10}, {3}, {1, 2, 3}), (std::vector<float>{9, 8, 7}));
+  EXPECT_EQ(Binary<float>("Sub", {3}, {1, 2, 3}, {}, {10}), (std::vector<float>{-9, -8, -7}));
+  EXPECT_EQ(Binary<float>("Sub", {1, 1, 1}, {10}, {2}, {1, 2}, &dims), (std::vector<float>{9, 8}));
+  EXPECT_EQ(dims, (Dims{1, 1, 2}));
+  // Zero-sized dimensions broadcast against 1 and give empty outputs.
+  EXPECT_TRUE(Binary<float>("Add", {0, 3}, {}, {1, 3}, {1, 2, 3}, &dims).empty());
+  EXPECT_EQ(dims, (Dims{0, 3}));
+  EXPECT_TRUE(Binary<float>("Add", {2, 1}, {1, 2}, {0}, {}, &dims).empty());
+  EXPECT_EQ(dims, (Dims{2, 0}));
+
+  OneOp bad("Add");
+  bad.In<float>({2, 3}, {1, 2, 3, 4, 5, 6}).In<float>({2}, {1, 2}).Attr("T", TF_FLOAT);
+  ExpectRunError(bad);
+  EXPECT_NE(bad.error().find("Incompatible shapes: [2,3] vs. [2]"), std::string::npos)
+      << bad.error();
+  OneOp zero_vs_two("Add");
+  zero_vs_two.In<float>({0}, {}).In<float>({2}, {1, 2}).Attr("T", TF_FLOAT);
+  ExpectRunError(zero_vs_two);
+}
+
+// Index of output coordinate `out` in an operand of shape `dims`, aligned
+// at the last axis and repeating along its size-1 axes.
+int64_t OperandIndex(const Dims& out_dims, const std::vector<int64_t>& out, const Dims& dims) {
+  int64_t index = 0;
+  const size_t pad = out_dims.size() - dims.size();
+  for (size_t d = 0; d < dims.size(); ++d) {
+    index = index * dims[d] + (dims[d] == 1 ? 0 : out[pad + d]);
+  }
+  return index;
+}
+
+// Sub(x, y) against an index-by-index reference on seeded random shapes of
+// rank 0 to 8, plus one large case that splits rows across threads.
+TEST(BroadcastTest, RandomShapesMatchReference) {
+  std::mt19937 rng(1234);
+  std::vector<std::pair<Dims, Dims>> cases{{{37, 1, 1000}, {1, 29, 1000}},
+                                           {{5, 1, 7, 1, 3}, {4, 1, 2, 1}}};
+  for (int trial = 0; trial < 60; ++trial) {
+    const int rank = trial % 9;
+    Dims out(rank), xd, yd;
+    for (auto& d : out) d = 1 + rng() % 3;
+    const int xr = rng() % (rank + 1), yr = rng() % (rank + 1);
+    for (int i = rank - xr; i < rank; ++i) xd.push_back(rng() % 2 ? out[i] : 1);
+    for (int i = rank - yr; i < rank; ++i) yd.push_back(rng() % 2 ? out[i] : 1);
+    cases.push_back({xd, yd});
+  }
+  for (const auto& [xd, yd] : cases) {
+    SCOPED_TRACE(testing::PrintToString(xd) + " - " + testing::PrintToString(yd));
+    const size_t rank = std::max(xd.size(), yd.size());
+    Dims od(rank);
+    for (size_t i = 0; i < rank; ++i) {
+      const int64_t a = i + xd.size() >= rank ? xd[i + xd.size() - rank] : 1;
+      const int64_t b = i + yd.size() >= rank ? yd[i + yd.size() - rank] : 1;
+      od[i] = std::max(a, b);
+    }
+    auto fill = [&](const Dims& d) {
+      int64_t n = 1;
+      for (int64_t v : d) n *= v;
+      std::vector<int32_t> v(n);
+      for (auto& e : v) e = static_cast<int32_t>(rng() % 20001) - 10000;
+      return v;
+    };
+    const auto x = fill(xd), y = fill(yd);
+    Dims got_dims;
+    const auto got = Binary<int32_t>("Sub", xd, x, yd, y, &got_dims);
+    ASSERT_EQ(got_dims, od);
+    int64_t total = 1;
+    for (int64_t v : od) total *= v;
+    ASSERT_EQ(static_cast<int64_t>(got.size()), total);
+    std::vector<int64_t> idx(rank, 0);
+    for (int64_t i = 0; i < total; ++i) {
+      const int32_t want = x[OperandIndex(od, idx, xd)] - y[OperandIndex(od, idx, yd)];
+      if (got[i] != want) {
+        ADD_FAILURE() << "at flat index " << i << ": " << got[i] << " vs " << want;
+        break;
+      }
+      for (int d = static_cast<int>(rank) - 1; d >= 0 && ++idx[d] == od[d]; --d) idx[d] = 0;
+    }
+  }
+}
+
+TEST(ComparisonOpsTest, ComparisonsAndLogic) {
+  const std::vector<float> x{1, 2, 3, kNan}, y{2, 2, 2, kNan};
+  using B = std::vector<bool>;
+  EXPECT_EQ((Binary<float, bool>("Less", {4}, x, {4}, y)), (B{true, false, false, false}));
+  EXPECT_EQ((Binary<float, bool>("LessEqual", {4}, x, {4}, y)), (B{true, true, false, false}));
+  EXPECT_EQ((Binary<float, bool>("Greater", {4}, x, {4}, y)), (B{false, false, true, false}));
+  EXPECT_EQ((Binary<float, bool>("GreaterEqual", {4}, x, {4}, y)), (B{false, true, true, false}));
+  EXPECT_EQ((Binary<float, bool>("Equal", {4}, x, {4}, y)), (B{false, true, false, false}));
+  EXPECT_EQ((Binary<float, bool>("NotEqual", {4}, x, {4}, y)), (B{true, false, true, true}));
+  EXPECT_EQ((Binary<int64_t, bool>("Greater", {3}, {-1, 5, 9}, {}, {5})), (B{false, false, true}));
+  EXPECT_EQ((Binary<bool, bool>("Equal", {2, 1}, {true, false}, {2}, {true, false})),
+            (B{true, false, false, true}));
+  EXPECT_EQ((Binary<bool, bool>("LogicalAnd", {4}, {true, true, false, false}, {4},
+                                {true, false, true, false})),
+            (B{true, false, false, false}));
+  EXPECT_EQ((Binary<bool, bool>("LogicalOr", {2, 1}, {true, false}, {1, 2}, {true, false})),
+            (B{true, true, true, false}));
+
+  // Shapes that do not broadcast: an error by default, or a scalar answer.
+  OneOp strict("Equal");
+  strict.In<int32_t>({2}, {1, 2}).In<int32_t>({3}, {1, 2, 3}).Attr("T", TF_INT32);
+  ExpectRunError(strict);
+  for (const auto& [op, answer] : {std::pair<const char*, bool>{"Equal", false},
+                                   std::pair<const char*, bool>{"NotEqual", true}}) {
+    OneOp lenient(op);
+    lenient.In<int32_t>({2}, {1, 2}).In<int32_t>({3}, {1, 2, 3}).Attr("T", TF_INT32);
+    lenient.Attr("incompatible_shape_error", false);
+    ASSERT_EQ(lenient.Run(), TF_OK) << lenient.error();
+    EXPECT_EQ(lenient.OutputDims(), Dims{});
+    EXPECT_EQ(lenient.Output<bool>(), std::vector<bool>{answer});
+  }
+}
+
+TEST(UnaryOpsTest, FloatFunctions) {
+  ExpectNear(Unary<float>("Exp", {0, 1, -2}), {1, 2.7182818f, 0.13533528f});
+  ExpectNear(Unary<float>("Log", {1, 2.7182818f, 0.5f}), {0, 1, -0.69314718f});
+  ExpectNear(Unary<float>("Sqrt", {4, 2, 0}), {2, 1.4142136f, 0});
+  ExpectNear(Unary<float>("Rsqrt", {4, 0.25f}), {0.5f, 2});
+  ExpectNear(Unary<float>("Reciprocal", {4, -0.5f}), {0.25f, -2});
+  ExpectNear(Unary<float>("Sigmoid", {0, 2, -2, -100, 100}),
+             {0.5f, 0.88079708f, 0.11920292f, 0, 1});
+  ExpectNear(Unary<float>("Tanh", {0, 0.5f, -3}), {0, 0.46211716f, -0.99505475f});
+  ExpectNear(Unary<float>("Erf", {0, 0.5f, -1}), {0, 0.52049988f, -0.84270079f});
+  ExpectNear(Unary<float>("Square", {3, -1.5f}), {9, 2.25f});
+  // Softplus: log(1+e^x), with its large and small tails.
+  OneOp softplus("Softplus");
+  softplus.In<float>({4}, {0, 1, 20, -20}).Attr("T", TF_FLOAT);
+  ASSERT_EQ(softplus.Run(), TF_OK) << softplus.error();
+  ExpectNear(softplus.Output<float>(), {0.69314718f, 1.3132616f, 20, 2.0611537e-9f});
+  EXPECT_NEAR(softplus.Output<float>()[3], 2.0611537e-9f, 1e-14f);
+  EXPECT_EQ(Unary<float>("Floor", {-1.5f, 1.5f, -0.f, 2}), (std::vector<float>{-2, 1, -0.f, 2}));
+  EXPECT_EQ(Unary<float>("Ceil", {-1.5f, 1.5f, 2}), (std::vector<float>{-1, 2, 2}));
+  EXPECT_NEAR(Unary<double>("Exp", {1}).at(0), 2.718281828459045, 1e-12);
+}
+
+TEST(UnaryOpsTest, RoundingSignsAndIntegers) {
+  // Round is half-to-even.
+  EXPECT_EQ(Unary<float>("Round", {-2.5f, -1.5f, -0.5f, 0.5f, 1.5f, 2.5f, 2.6f, -2.4f}),
+            (std::vector<float>{-2, -2, -0.f, 0, 2, 2, 3, -2}));
+  EXPECT_EQ(Unary<int32_t>("Round", {-3, 7}), (std::vector<int32_t>{-3, 7}));
+  const auto sign = Unary<float>("Sign", {-3, 0, 0.25f, kNan, -kInf});
+  EXPECT_EQ(sign, (std::vector<float>{-1, 0, 1, 0, -1}));
+  EXPECT_EQ(Unary<int64_t>("Sign", {-9, 0, 4}), (std::vector<int64_t>{-1, 0, 1}));
+  const int32_t kMin = std::numeric_limits<int32_t>::min();
+  EXPECT_EQ(Unary<int32_t>("Neg", {5, -7, kMin}), (std::vector<int32_t>{-5, 7, kMin}));
+  EXPECT_EQ(Unary<int32_t>("Abs", {5, -7, kMin}), (std::vector<int32_t>{5, 7, kMin}));
+  EXPECT_EQ(Unary<float>("Abs", {-0.5f, 2}), (std::vector<float>{0.5f, 2}));
+  EXPECT_EQ(Unary<uint8_t>("Square", {3, 16}), (std::vector<uint8_t>{9, 0}));
+
+  OneOp logical_not("LogicalNot");
+  logical_not.In<bool>({3}, {true, false, true});
+  ASSERT_EQ(logical_not.Run(), TF_OK) << logical_not.error();
+  EXPECT_EQ(logical_not.Output<bool>(), (std::vector<bool>{false, true, false}));
+  // Shapes pass through, empty ones included.
+  OneOp empty("Exp");
+  empty.In<float>({2, 0}, {}).Attr("T", TF_FLOAT);
+  ASSERT_EQ(empty.Run(), TF_OK) << empty.error();
+  EXPECT_EQ(empty.OutputDims(), (Dims{2, 0}));
+}
+
+TEST(ActivationOpsTest, Rectifiers) {
+  EXPECT_EQ(Unary<float>("Relu", {-1, 0, 2.5f}), (std::vector<float>{0, 0, 2.5f}));
+  EXPECT_TRUE(std::isnan(Unary<float>("Relu", {kNan})[0]));
+  EXPECT_EQ(Unary<int32_t>("Relu", {-4, 4}), (std::vector<int32_t>{0, 4}));
+  EXPECT_EQ(Unary<float>("Relu6", {-1, 3, 7, 6}), (std::vector<float>{0, 3, 6, 6}));
+  EXPECT_EQ(Unary<uint8_t>("Relu6", {0, 5, 200}), (std::vector<uint8_t>{0, 5, 6}));
+
+  OneOp leaky("LeakyRelu");  // alpha and T left to their defaults
+  leaky.In<float>({3}, {-1, 0, 2});
+  ASSERT_EQ(leaky.Run(), TF_OK) << leaky.error();
+  ExpectNear(leaky.Output<float>(), {-0.2f, 0, 2});
+  OneOp steep("LeakyRelu");  // alpha above 1 still selects by sign
+  steep.In<float>({2}, {-1, 3}).Attr("alpha", 2.0f).Attr("T", TF_FLOAT);
+  ASSERT_EQ(steep.Run(), TF_OK) << steep.error();
+  EXPECT_EQ(steep.Output<float>(), (std::vector<float>{-2, 3}));
+
+  ExpectNear(Unary<float>("Elu", {-1, 0, 2}), {-0.63212056f, 0, 2});
+  ExpectNear(Unary<float>("Selu", {-1, 0, 2}), {-1.1113307f, 0, 2.101402f});
+}
+
+TEST(ActivationOpsTest, SoftmaxOverTheLastAxis) {
+  OneOp softmax("Softmax");
+  softmax.In<float>({2, 3}, {1, 2, 3, 1000, 1000, 1000}).Attr("T", TF_FLOAT);
+  ASSERT_EQ(softmax.Run(), TF_OK) << softmax.error();
+  // The second row would overflow exp() without the max shift.
+  ExpectNear(softmax.Output<float>(),
+             {0.09003057f, 0.24472847f, 0.66524096f, 1 / 3.f, 1 / 3.f, 1 / 3.f});
+
+  OneOp log_softmax("LogSoftmax");
+  log_softmax.In<double>({1, 3}, {1, 2, 3}).Attr("T", TF_DOUBLE);
+  ASSERT_EQ(log_softmax.Run(), TF_OK) << log_softmax.error();
+  const auto ls = log_softmax.Output<double>();
+  ASSERT_EQ(ls.size(), 3u);
+  EXPECT_NEAR(ls[0], -2.40760596, 1e-7);
+  EXPECT_NEAR(ls[1], -1.40760596, 1e-7);
+  EXPECT_NEAR(ls[2], -0.40760596, 1e-7);
+
+  OneOp empty("Softmax");
+  empty.In<float>({3, 0}, {}).Attr("T", TF_FLOAT);
+  ASSERT_EQ(empty.Run(), TF_OK) << empty.error();
+  EXPECT_EQ(empty.OutputDims(), (Dims{3, 0}));
+
+  OneOp scalar("Softmax");
+  scalar.In<float>({}, {1}).Attr("T", TF_FLOAT);
+  ExpectRunError(scalar);
+}
+
+}  // namespace
