@@ -6,10 +6,37 @@
 
 #include "interface/MemoryManager.h"
 #include "interface/Records.h"
+#include "models/classifiers/AgeProcessor.h"
 #include "models/classifiers/Classifier.h"
 #include "models/classifiers/ClassifierVector.h"
+#include "models/classifiers/FaceEmotionsProcessor.h"
+#include "models/classifiers/FaceFilterNClass.h"
+#include "models/classifiers/FaceLightLandmarksProcessor.h"
+#include "models/classifiers/FaceMaskClassifier.h"
+#include "models/classifiers/HardHatClassifier.h"
+#include "models/classifiers/HumanAttribExtractor.h"
+#include "models/classifiers/HumanFilter.h"
+#include "models/classifiers/HumanIndexer.h"
+#include "models/classifiers/SafetyVestClassifier.h"
+#include "models/classifiers/VehicleAttribExtractor.h"
+#include "models/classifiers/VehicleFilter.h"
+#include "models/classifiers/VehicleIndexer.h"
 #include "models/detectors/BoxDetector.h"
+#include "models/detectors/FaceDetectorProcessor.h"
+#include "models/detectors/MultiBox3Processor.h"
+#include "models/detectors/MultiBox4Processor.h"
+#include "models/detectors/PersonVehicleBoxDetector.h"
+#include "models/detectors/QueueMultiBox3Processor.h"
+#include "models/detectors/SingleHeadDetector.h"
 #include "models/face/BatchClassifier.h"
+#include "models/face/FaceEmbeddingProcessor.h"
+#include "models/face/FaceFilterBatchProcessor.h"
+#include "models/face/FaceLandmarksProcessor.h"
+#include "models/face/FaceLightEmbeddingProcessor.h"
+#include "models/face/GenderProcessor.h"
+#include "models/pose/SkeletonDetector.h"
+#include "models/regions/FaceFilterMultipleProcessor.h"
+#include "models/regions/PatchFireDetector.h"
 #include "runtime/BaseModel.h"
 #include "runtime/DeviceListProcessor.h"
 
@@ -31,33 +58,33 @@ struct ModelKind {
 // a model class joins the library by including its header and naming its
 // maker in its row, e.g. {"AgeProcessor", Make<AgeProcessor>}.
 constexpr ModelKind kModelKinds[] = {
-    {"MultiBox3Processor", nullptr},           // 0
-    {"SingleHeadDetector", nullptr},           // 1
-    {"FaceDetectorProcessor", nullptr},        // 2
-    {"PersonVehicleBoxDetector", nullptr},     // 3
-    {"HardHatClassifier", nullptr},            // 4
-    {"AgeProcessor", nullptr},                 // 5
-    {"FaceFilterBatchProcessor", nullptr},     // 6
-    {"HumanFilter", nullptr},                  // 7
-    {"FaceEmbeddingProcessor", nullptr},       // 8
-    {"GenderProcessor", nullptr},              // 9
-    {"FaceLandmarksProcessor", nullptr},       // 10
-    {"FaceFilterMultipleProcessor", nullptr},  // 11
-    {"FaceEmotionsProcessor", nullptr},        // 12
-    {"FaceFilterNClass", nullptr},             // 13
-    {"FaceLightLandmarksProcessor", nullptr},  // 14
-    {"FaceLightEmbeddingProcessor", nullptr},  // 15
-    {"HumanIndexer", nullptr},                 // 16
-    {"VehicleIndexer", nullptr},               // 17
-    {"VehicleFilter", nullptr},                // 18
-    {"HumanAttribExtractor", nullptr},         // 19
-    {"VehicleAttribExtractor", nullptr},       // 20
-    {"QueueMultiBox3Processor", nullptr},      // 21
-    {"FaceMaskClassifier", nullptr},           // 22
-    {"MultiBox4Processor", nullptr},           // 23
-    {"SkeletonDetector", nullptr},             // 24
-    {"SafetyVestClassifier", nullptr},         // 25
-    {"PatchFireDetector", nullptr},            // 26
+    {"MultiBox3Processor", Make<MultiBox3Processor>},  // 0
+    {"SingleHeadDetector", Make<SingleHeadDetector>},  // 1
+    {"FaceDetectorProcessor", Make<FaceDetectorProcessor>},  // 2
+    {"PersonVehicleBoxDetector", Make<PersonVehicleBoxDetector>},  // 3
+    {"HardHatClassifier", Make<HardHatClassifier>},  // 4
+    {"AgeProcessor", Make<AgeProcessor>},  // 5
+    {"FaceFilterBatchProcessor", Make<FaceFilterBatchProcessor>},  // 6
+    {"HumanFilter", Make<HumanFilter>},  // 7
+    {"FaceEmbeddingProcessor", Make<FaceEmbeddingProcessor>},  // 8
+    {"GenderProcessor", Make<GenderProcessor>},  // 9
+    {"FaceLandmarksProcessor", Make<FaceLandmarksProcessor>},  // 10
+    {"FaceFilterMultipleProcessor", Make<FaceFilterMultipleProcessor>},  // 11
+    {"FaceEmotionsProcessor", Make<FaceEmotionsProcessor>},  // 12
+    {"FaceFilterNClass", Make<FaceFilterNClass>},  // 13
+    {"FaceLightLandmarksProcessor", Make<FaceLightLandmarksProcessor>},  // 14
+    {"FaceLightEmbeddingProcessor", Make<FaceLightEmbeddingProcessor>},  // 15
+    {"HumanIndexer", Make<HumanIndexer>},  // 16
+    {"VehicleIndexer", Make<VehicleIndexer>},  // 17
+    {"VehicleFilter", Make<VehicleFilter>},  // 18
+    {"HumanAttribExtractor", Make<HumanAttribExtractor>},  // 19
+    {"VehicleAttribExtractor", Make<VehicleAttribExtractor>},  // 20
+    {"QueueMultiBox3Processor", Make<QueueMultiBox3Processor>},  // 21
+    {"FaceMaskClassifier", Make<FaceMaskClassifier>},  // 22
+    {"MultiBox4Processor", Make<MultiBox4Processor>},  // 23
+    {"SkeletonDetector", Make<SkeletonDetector>},  // 24
+    {"SafetyVestClassifier", Make<SafetyVestClassifier>},  // 25
+    {"PatchFireDetector", Make<PatchFireDetector>},  // 26
 };
 static_assert(std::size(kModelKinds) == 27, "one entry per type code");
 
@@ -138,18 +165,28 @@ ProcessResult* PredictBatch(void* model, BatchImageInput input) {
                 [&](BatchClassifier* classifier) { return classifier->Predict(input); });
 }
 
-// The gender, face-filter and fire models are not built into the library
-// yet, so no handle can be one of them: every call answers "no model".
-ProcessResult* GetGender(void*, int32_t, float*) {
-  return NoModel();
+// Called without a type check, like Predict; the failure value -1.0 is
+// delivered in the vector too.
+ProcessResult* GetGender(void* model, int32_t count, float* values) {
+  return Answer(ModelFromHandle<GenderProcessor>(model), [&](GenderProcessor* gender) {
+    return OneValue(gender->Process(count, values));
+  });
 }
 
-ProcessResult* GetFaceRecallMultiple(void*, ImageWithRectsInput) {
-  return NoModel();
+// Called without a type check: another model's handle runs this class's
+// code on that model's graph.
+ProcessResult* GetFaceRecallMultiple(void* model, ImageWithRectsInput input) {
+  return Answer(ModelFromHandle<FaceFilterMultipleProcessor>(model),
+                [&](FaceFilterMultipleProcessor* filter) { return filter->Process(input); });
 }
 
-ProcessResult* GetPatchDetections(void*, BatchImageInput, PatchInput) {
-  return NoModel();
+// The one wrapper that checks the handle's kind, before any envelope exists:
+// a handle of another model answers "no model".
+ProcessResult* GetPatchDetections(void* model, BatchImageInput images, PatchInput patches) {
+  auto* detector =
+      model != nullptr ? dynamic_cast<PatchFireDetector*>(static_cast<BaseModel*>(model)) : nullptr;
+  return Answer(detector,
+                [&](PatchFireDetector* fire) { return fire->Process(images, patches); });
 }
 
 ProcessResult* CreateDeviceListProcessor() {

@@ -1,0 +1,150 @@
+#include "models/detectors/FaceDetectorProcessor.h"
+
+#include <algorithm>
+#include <cstdint>
+
+#include <opencv2/imgproc.hpp>
+
+#include "models/detectors/DetectorCommon.h"
+#include "runtime/TFCommon.h"
+
+namespace {
+
+constexpr char kInputNode[] = "images";
+constexpr char kOutputNode[] = "Identity";
+constexpr int kCanvasSize = 512;
+constexpr int kGrey = 127;
+constexpr int kValuesPerRow = 5;
+// Boxes whose score was zeroed by suppression (or was never above it) go.
+constexpr double kSurvivorFloor = 1e-5;
+
+}  // namespace
+
+BoxDetectionResult* FaceDetectorProcessor::Detect(const BoxDetectionInputData& input) {
+  if (!CheckStatus()) return nullptr;
+  TF_Output inputs[1];
+  if (!FindInput(kInputNode, &inputs[0])) return nullptr;
+
+  double scaleX = 0.0;
+  double scaleY = 0.0;
+  int padX = 0;
+  int padY = 0;
+  // Fed without a copy, so it lives until the run's outputs have been read.
+  cv::Mat canvas = PreProcessImage(input.image, kCanvasSize, kCanvasSize, scaleX, scaleY, padX,
+                                   padY);
+  TF_Tensor* inputValues[1] = {TFCommon::BorrowTensor(
+      TF_FLOAT, {1, canvas.rows, canvas.cols, 3}, canvas.data,
+      static_cast<size_t>(canvas.rows) * static_cast<size_t>(canvas.cols) * 12)};
+
+  TF_Output outputs[1];
+  // The input tensor is left behind on this path, as the model always has.
+  if (!FindOutput(kOutputNode, &outputs[0])) return nullptr;
+
+  TF_Tensor* outputValues[1] = {nullptr};
+  RunSession(inputs, inputValues, outputs, outputValues);
+  if (!CheckStatus()) {
+    TFCommon::DeleteTensors({inputValues[0], outputValues[0]});
+    return nullptr;
+  }
+
+  // Never read past the rows the tensor really holds, whatever its shape says.
+  const int64_t rows = std::min<int64_t>(TFCommon::Dim(outputValues[0], 1),
+                                         DetectorCommon::HeldFloats(outputValues[0]) / kValuesPerRow);
+  std::vector<NativeBoundingBox> boxes =
+      ParseBoxes(static_cast<int>(rows), static_cast<const float*>(TF_TensorData(outputValues[0])),
+                 input.scoreThreshold);
+  std::vector<NativeBoundingBox> survivors = RemoveOverlappingBoxes(boxes, input.overlapThreshold);
+  ScaleBoxes(survivors, kCanvasSize, kCanvasSize, scaleX, scaleY, padX, padY);
+  TFCommon::DeleteTensors({inputValues[0], outputValues[0]});
+  return DetectorCommon::NewResult(survivors);
+}
+
+cv::Mat FaceDetectorProcessor::PreProcessImage(Image image, int targetWidth, int targetHeight,
+                                               double& scaleX, double& scaleY, int& padX,
+                                               int& padY) {
+  cv::Mat canvas(targetHeight, targetWidth, CV_8UC3, cv::Scalar(kGrey, kGrey, kGrey));
+  const cv::Mat view = DetectorCommon::PixelView(image, 3);
+
+  const double factor = std::min(static_cast<double>(targetWidth) / image.width,
+                                 static_cast<double>(targetHeight) / image.height);
+  scaleX = factor;
+  scaleY = factor;
+  cv::Mat resized;
+  cv::resize(view, resized, cv::Size(), factor, factor, cv::INTER_LINEAR);
+
+  padX = (canvas.cols - resized.cols) / 2;
+  padY = (canvas.rows - resized.rows) / 2;
+  resized.copyTo(canvas(cv::Rect(padX, padY, resized.cols, resized.rows)));
+
+  cv::Mat rgb;
+  cv::cvtColor(canvas, rgb, cv::COLOR_BGR2RGB);
+  cv::Mat floats;
+  rgb.convertTo(floats, CV_32F, 1.0, 0.0);
+  return floats;
+}
+
+std::vector<NativeBoundingBox> FaceDetectorProcessor::ParseBoxes(int count, const float* rows,
+                                                                 float scoreThreshold) {
+  std::vector<NativeBoundingBox> boxes;
+  for (int i = 0; i < count; ++i) {
+    const float* row = rows + static_cast<size_t>(i) * kValuesPerRow;
+    const float score = row[4];
+    if (scoreThreshold > score) continue;
+    boxes.push_back(NativeBoundingBox{row[0], row[1], row[2] - row[0], row[3] - row[1], 0, score});
+  }
+  return boxes;
+}
+
+std::vector<size_t> FaceDetectorProcessor::SortBoxIndexes(
+    const std::vector<NativeBoundingBox>& boxes) {
+  std::vector<size_t> order = DetectorCommon::Indexes(boxes.size());
+  std::stable_sort(order.begin(), order.end(),
+                   [&](size_t a, size_t b) { return boxes[a].score < boxes[b].score; });
+  return order;
+}
+
+float FaceDetectorProcessor::GetIntersectionRatio(const NativeBoundingBox& a,
+                                                  const NativeBoundingBox& b) {
+  return DetectorCommon::IntersectionRatio(a, b);
+}
+
+std::vector<NativeBoundingBox> FaceDetectorProcessor::RemoveOverlappingBoxes(
+    std::vector<NativeBoundingBox>& boxes, float overlapThreshold) {
+  std::vector<NativeBoundingBox> survivors;
+  if (boxes.empty()) return survivors;
+
+  // Lowest score first: of an overlapping pair the weaker box is the one
+  // kept, and a box already zeroed still clears the boxes after it.
+  const std::vector<size_t> order = SortBoxIndexes(boxes);
+  for (size_t i = 0; i < order.size(); ++i) {
+    for (size_t j = i + 1; j < order.size(); ++j) {
+      if (GetIntersectionRatio(boxes[order[i]], boxes[order[j]]) >= overlapThreshold) {
+        boxes[order[j]].score = 0.0f;
+      }
+    }
+  }
+
+  for (const NativeBoundingBox& box : boxes) {
+    if (static_cast<double>(box.score) > kSurvivorFloor) survivors.push_back(box);
+  }
+  return survivors;
+}
+
+void FaceDetectorProcessor::ScaleBoxes(std::vector<NativeBoundingBox>& boxes, int canvasWidth,
+                                       int canvasHeight, double scaleX, double scaleY, int padX,
+                                       int padY) {
+  const auto ax = static_cast<float>(canvasWidth / scaleX);
+  const auto bx = static_cast<float>(padX / scaleX);
+  const auto ay = static_cast<float>(canvasHeight / scaleY);
+  const auto by = static_cast<float>(padY / scaleY);
+  for (NativeBoundingBox& box : boxes) {
+    const float left = box.x * ax - bx;
+    const float top = box.y * ay - by;
+    const float right = (box.x + box.width) * ax - bx;
+    const float bottom = (box.y + box.height) * ay - by;
+    box.x = left;
+    box.y = top;
+    box.width = right - left;
+    box.height = bottom - top;
+  }
+}
