@@ -32,3 +32,7 @@ if [ ${#missing[@]} -gt 0 ]; then
 else
   echo "setup: all packages present"
 fi
+
+# Published TF.js models, the pinned TF.js runtime and its reference outputs,
+# into the ignored .cache/ (skipped when up to date; tests skip without them).
+"$(dirname "$0")/fetch_models.sh"

@@ -83,7 +83,7 @@ Status KernelInit::GetAttr(const std::string& name, std::vector<DataType>* value
 
 Status OpContext::allocate_output(int i, const Shape& shape, Tensor** out) {
   if (i < 0 || i >= num_outputs()) return Internal("output index ", i, " out of range");
-  Status s = Tensor::Allocate(output_types_[i], shape, &outputs_[i]);
+  Status s = Tensor::Allocate(output_types_[i], shape, &outputs_[i], budget_);
   if (!s.ok()) return Status(s.code(), StrCat(s.message(), " (node ", node_name_, ")"));
   *out = &outputs_[i];
   return Status::OK();

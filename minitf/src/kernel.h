@@ -24,15 +24,20 @@ class KernelInit {
  public:
   KernelInit(const std::string& node_name, const AttrMap& attrs,
              std::vector<DataType> input_types,
-             std::vector<DataType> output_types)
+             std::vector<DataType> output_types,
+             int64_t max_run_bytes = kDefaultMaxRunBytes)
       : node_name_(node_name),
         attrs_(attrs),
         input_types_(std::move(input_types)),
-        output_types_(std::move(output_types)) {}
+        output_types_(std::move(output_types)),
+        max_run_bytes_(max_run_bytes) {}
 
   const std::string& node_name() const { return node_name_; }
   const std::vector<DataType>& input_types() const { return input_types_; }
   const std::vector<DataType>& output_types() const { return output_types_; }
+  // The session's per-run memory limit; tensors a kernel makes up front (a
+  // constant's value) must fit in it too.
+  int64_t max_run_bytes() const { return max_run_bytes_; }
 
   // Attribute readers. The attributes were checked on import against the op's
   // declaration, so these fail only for names the op does not declare.
@@ -60,19 +65,23 @@ class KernelInit {
   const AttrMap& attrs_;
   std::vector<DataType> input_types_;
   std::vector<DataType> output_types_;
+  int64_t max_run_bytes_;
 };
 
 // What a kernel sees while it computes: its inputs, a place for each output,
 // and the intra-op thread pool.
 class OpContext {
  public:
+  // Outputs are charged to `budget` when one is given.
   OpContext(const std::string& node_name, std::vector<const Tensor*> inputs,
-            std::vector<DataType> output_types, ThreadPool* pool)
+            std::vector<DataType> output_types, ThreadPool* pool,
+            std::shared_ptr<MemoryBudget> budget = nullptr)
       : node_name_(node_name),
         inputs_(std::move(inputs)),
         output_types_(std::move(output_types)),
         outputs_(output_types_.size()),
-        pool_(pool) {}
+        pool_(pool),
+        budget_(std::move(budget)) {}
 
   const std::string& node_name() const { return node_name_; }
   int num_inputs() const { return static_cast<int>(inputs_.size()); }
@@ -80,7 +89,8 @@ class OpContext {
   int num_outputs() const { return static_cast<int>(outputs_.size()); }
   DataType output_type(int i) const { return output_types_[i]; }
 
-  // Allocates output `i` with its declared dtype and `shape`.
+  // Allocates output `i` with its declared dtype and `shape`;
+  // RESOURCE_EXHAUSTED naming the node when the run's memory is spent.
   Status allocate_output(int i, const Shape& shape, Tensor** out);
   // Sets output `i` to an existing tensor (e.g. an input, reshaped) without
   // copying. Its dtype must be the declared one.
@@ -108,6 +118,7 @@ class OpContext {
   std::vector<DataType> output_types_;
   std::vector<Tensor> outputs_;
   ThreadPool* pool_;
+  std::shared_ptr<MemoryBudget> budget_;
 };
 
 class OpKernel {

@@ -24,6 +24,11 @@ const OpRegistry& OpRegistry::Global() {
     RegisterConvOps(*r);
     RegisterPoolingOps(*r);
     RegisterImageOps(*r);
+    RegisterAddNOps(*r);
+    RegisterConvTransposeOps(*r);
+    RegisterDepthToSpaceOps(*r);
+    RegisterSparseToDenseOps(*r);
+    RegisterTopKOps(*r);
     return r;
   }();
   return *registry;

@@ -49,6 +49,11 @@ void RegisterMatMulOps(OpRegistry& r);     // MatMul, BiasAdd
 void RegisterConvOps(OpRegistry& r);       // Conv2D
 void RegisterPoolingOps(OpRegistry& r);    // MaxPool
 void RegisterImageOps(OpRegistry& r);      // ResizeBilinear, CropAndResize
+void RegisterAddNOps(OpRegistry& r);
+void RegisterConvTransposeOps(OpRegistry& r);  // Conv2DBackpropInput
+void RegisterDepthToSpaceOps(OpRegistry& r);   // DepthToSpace, SpaceToDepth
+void RegisterSparseToDenseOps(OpRegistry& r);
+void RegisterTopKOps(OpRegistry& r);           // TopKV2, TopK
 
 }  // namespace minitf
 

@@ -118,7 +118,8 @@ Status Session::KernelFor(const Node* node, const OpKernel** kernel) {
   // Called with mu_ held.
   auto it = kernels_.find(node);
   if (it == kernels_.end()) {
-    KernelInit init(node->name(), node->def.attr(), node->input_types, node->output_types);
+    KernelInit init(node->name(), node->def.attr(), node->input_types, node->output_types,
+                    config_.max_run_bytes);
     std::unique_ptr<OpKernel> k;
     MINITF_RETURN_IF_ERROR(node->op->factory(init, &k));
     it = kernels_.emplace(node, std::move(k)).first;
@@ -332,11 +333,14 @@ Status Session::Run(const std::vector<Feed>& feeds, const std::vector<Fetch>& fe
   std::vector<Tensor> slots(plan->num_slots);
   for (size_t i = 0; i < feeds.size(); ++i) slots[plan->feed_slots[i]] = feeds[i].value;
 
+  // Each run has its own budget; fetched tensors keep their bytes charged
+  // to it until the caller lets them go.
+  auto budget = std::make_shared<MemoryBudget>(config_.max_run_bytes);
   std::vector<const Tensor*> inputs;
   for (const Plan::Step& step : plan->steps) {
     inputs.clear();
     for (int slot : step.input_slots) inputs.push_back(&slots[slot]);
-    OpContext ctx(step.node->name(), inputs, step.node->output_types, pool_);
+    OpContext ctx(step.node->name(), inputs, step.node->output_types, pool_, budget);
     MINITF_RETURN_IF_ERROR(step.kernel->Compute(&ctx));
     for (int o = 0; o < ctx.num_outputs(); ++o) {
       Tensor& t = ctx.output(o);
@@ -357,7 +361,7 @@ Status Session::Run(const std::vector<Feed>& feeds, const std::vector<Fetch>& fe
     }
     // The caller's memory may be gone after the run; hand back a copy.
     Tensor copy;
-    MINITF_RETURN_IF_ERROR(Tensor::Allocate(t.dtype(), t.shape(), &copy));
+    MINITF_RETURN_IF_ERROR(Tensor::Allocate(t.dtype(), t.shape(), &copy, budget));
     if (t.byte_size() > 0) std::memcpy(copy.raw_data(), t.raw_data(), t.byte_size());
     outputs->push_back(std::move(copy));
   }

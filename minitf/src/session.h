@@ -23,6 +23,8 @@ struct SessionConfig {
   int intra_op_threads = 0;  // 0: one per core
   int inter_op_threads = 0;
   bool allow_soft_placement = false;
+  // Live bytes of the tensors one run may allocate.
+  int64_t max_run_bytes = MemoryBudget::DefaultRunLimit();
 
   static SessionConfig FromProto(const pb::ConfigProto& proto);
 };

@@ -1,5 +1,6 @@
 #include "tensor.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -11,20 +12,26 @@ Status Shape::Make(const int64_t* dims, int num_dims, Shape* out) {
   if (num_dims < 0) return InvalidArgument("negative rank ", num_dims);
   if (num_dims > 0 && dims == nullptr) return InvalidArgument("null dims");
   std::vector<int64_t> v(dims, dims + num_dims);
-  int64_t count = 1;
+  int64_t nonzero_count = 1;
   for (int64_t d : v) {
     if (d < 0) return InvalidArgument("negative dimension ", d);
-    if (d != 0 && count > kMaxTensorElements / d) {
+    if (d == 0) continue;
+    if (nonzero_count > kMaxTensorElements / d) {
       return InvalidArgument("shape ", Shape(v).ToString(),
                              " has too many elements");
     }
-    count *= d;
+    nonzero_count *= d;
   }
   *out = Shape(std::move(v));
   return Status::OK();
 }
 
 int64_t Shape::num_elements() const {
+  // An empty tensor may have other huge dims; their product alone could
+  // overflow.
+  for (int64_t d : dims_) {
+    if (d == 0) return 0;
+  }
   int64_t n = 1;
   for (int64_t d : dims_) n *= d;
   return n;
@@ -39,17 +46,45 @@ std::string Shape::ToString() const {
   return s + "]";
 }
 
-std::shared_ptr<Buffer> Buffer::Allocate(size_t bytes) {
+bool MemoryBudget::Reserve(size_t bytes) {
+  if (bytes > static_cast<uint64_t>(limit_)) return false;
+  const int64_t n = static_cast<int64_t>(bytes);
+  int64_t used = used_.load();
+  do {
+    if (used > limit_ - n) return false;
+  } while (!used_.compare_exchange_weak(used, used + n));
+  return true;
+}
+
+int64_t MemoryBudget::DefaultRunLimit() {
+  static const int64_t limit = [] {
+    const char* env = std::getenv("MINITF_MAX_RUN_BYTES");
+    if (env == nullptr || *env == '\0') return kDefaultMaxRunBytes;
+    char* end = nullptr;
+    errno = 0;
+    const long long v = std::strtoll(env, &end, 10);
+    if (errno != 0 || *end != '\0' || v <= 0) return kDefaultMaxRunBytes;
+    return static_cast<int64_t>(v);
+  }();
+  return limit;
+}
+
+std::shared_ptr<Buffer> Buffer::Allocate(size_t bytes, std::shared_ptr<MemoryBudget> budget) {
   constexpr size_t kAlign = 64;
   // Never hand out a null pointer, even for empty tensors.
   size_t rounded = (bytes + kAlign - 1) / kAlign * kAlign;
   if (rounded == 0) rounded = kAlign;
   void* p = std::aligned_alloc(kAlign, rounded);
-  if (p == nullptr) return nullptr;
+  if (p == nullptr) {
+    if (budget) budget->Release(bytes);
+    return nullptr;
+  }
   std::shared_ptr<Buffer> b(new Buffer);
   b->data_ = p;
   b->size_ = bytes;
   b->owned_ = true;
+  b->charged_ = budget ? bytes : 0;
+  b->budget_ = std::move(budget);
   return b;
 }
 
@@ -69,18 +104,34 @@ Buffer::~Buffer() {
   } else if (deallocator_ != nullptr) {
     deallocator_(data_, size_, deallocator_arg_);
   }
+  if (budget_) budget_->Release(charged_);
 }
 
-Status Tensor::Allocate(DataType dtype, const Shape& shape, Tensor* out) {
+Status Tensor::Allocate(DataType dtype, const Shape& shape, Tensor* out,
+                        const std::shared_ptr<MemoryBudget>& budget) {
   const size_t elem = DataTypeSize(dtype);
   if (elem == 0) return Unimplemented("unsupported dtype ", DataTypeName(dtype));
-  const int64_t n = shape.num_elements();
+  // Kernels may build output shapes from several inputs' dims without
+  // Shape::Make; the product is checked here once for all of them.
+  int64_t n = 1;
+  for (int64_t d : shape.dims()) {
+    if (d < 0) return InvalidArgument("negative dimension in shape ", shape.ToString());
+    if (d != 0 && n > kMaxTensorElements / d) n = -1;
+    if (n > 0) n *= d;
+  }
   if (n < 0 || static_cast<uint64_t>(n) > kMaxTensorBytes / elem) {
     return ResourceExhausted("tensor of shape ", shape.ToString(), " and dtype ",
                              DataTypeName(dtype), " exceeds the ",
                              kMaxTensorBytes, "-byte limit");
   }
-  auto buffer = Buffer::Allocate(static_cast<size_t>(n) * elem);
+  const size_t bytes = static_cast<size_t>(n) * elem;
+  if (budget && !budget->Reserve(bytes)) {
+    return ResourceExhausted("tensor of shape ", shape.ToString(), " and dtype ",
+                             DataTypeName(dtype), " (", bytes, " bytes) would exceed the run's ",
+                             budget->limit(), "-byte memory limit (", budget->used(),
+                             " bytes in use)");
+  }
+  auto buffer = Buffer::Allocate(bytes, budget);
   if (!buffer) {
     return ResourceExhausted("out of memory allocating a tensor of shape ",
                              shape.ToString());

@@ -2,6 +2,7 @@
 #ifndef MINITF_TENSOR_H_
 #define MINITF_TENSOR_H_
 
+#include <atomic>
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
@@ -18,6 +19,29 @@ namespace minitf {
 // yields a status instead of an overflow or an out-of-memory kill.
 inline constexpr int64_t kMaxTensorElements = int64_t{1} << 40;
 inline constexpr size_t kMaxTensorBytes = size_t{1} << 31;  // 2 GiB
+// Live tensor bytes one run may hold when nothing else is configured.
+inline constexpr int64_t kDefaultMaxRunBytes = int64_t{4} << 30;  // 4 GiB
+
+// Bytes held by the tensors of one run, against a limit. Buffers charged to
+// it give their bytes back when they die, which may be after the run (a
+// fetched output), so buffers share ownership of the budget.
+class MemoryBudget {
+ public:
+  explicit MemoryBudget(int64_t limit) : limit_(limit) {}
+  // False, and nothing charged, when `bytes` more would exceed the limit.
+  bool Reserve(size_t bytes);
+  void Release(size_t bytes) { used_.fetch_sub(static_cast<int64_t>(bytes)); }
+  int64_t used() const { return used_.load(); }
+  int64_t limit() const { return limit_; }
+
+  // kDefaultMaxRunBytes, or MINITF_MAX_RUN_BYTES when that is a positive
+  // integer; read once per process.
+  static int64_t DefaultRunLimit();
+
+ private:
+  const int64_t limit_;
+  std::atomic<int64_t> used_{0};
+};
 
 class Shape {
  public:
@@ -25,8 +49,9 @@ class Shape {
   Shape(std::initializer_list<int64_t> dims) : dims_(dims) {}
   explicit Shape(std::vector<int64_t> dims) : dims_(std::move(dims)) {}
 
-  // Checked construction: dims non-negative, element count without overflow
-  // and below kMaxTensorElements.
+  // Checked construction: dims non-negative and the product of the non-zero
+  // dims at most kMaxTensorElements, so that no partial product of the dims
+  // (strides, the size of an empty tensor's other axes) can overflow.
   static Status Make(const int64_t* dims, int num_dims, Shape* out);
   static Status Make(std::vector<int64_t> dims, Shape* out) {
     return Make(dims.data(), static_cast<int>(dims.size()), out);
@@ -56,8 +81,11 @@ class Buffer {
  public:
   using Deallocator = void (*)(void* data, size_t len, void* arg);
 
-  // Null when the allocation fails.
-  static std::shared_ptr<Buffer> Allocate(size_t bytes);
+  // Null when the allocation fails. With a budget, the bytes must already be
+  // reserved there; the buffer releases them when it dies (or at once when
+  // the allocation fails).
+  static std::shared_ptr<Buffer> Allocate(size_t bytes,
+                                          std::shared_ptr<MemoryBudget> budget = nullptr);
   static std::shared_ptr<Buffer> Borrow(void* data, size_t bytes,
                                         Deallocator deallocator, void* arg);
   ~Buffer();
@@ -75,6 +103,8 @@ class Buffer {
   bool owned_ = false;
   Deallocator deallocator_ = nullptr;
   void* deallocator_arg_ = nullptr;
+  std::shared_ptr<MemoryBudget> budget_;
+  size_t charged_ = 0;
 };
 
 class Tensor {
@@ -83,8 +113,10 @@ class Tensor {
   Tensor(DataType dtype, Shape shape, std::shared_ptr<Buffer> buffer)
       : dtype_(dtype), shape_(std::move(shape)), buffer_(std::move(buffer)) {}
 
-  // New owned tensor; checks the byte size against kMaxTensorBytes.
-  static Status Allocate(DataType dtype, const Shape& shape, Tensor* out);
+  // New owned tensor; checks the byte size against kMaxTensorBytes and, when
+  // given, charges it to `budget` (RESOURCE_EXHAUSTED when that is spent).
+  static Status Allocate(DataType dtype, const Shape& shape, Tensor* out,
+                         const std::shared_ptr<MemoryBudget>& budget = nullptr);
 
   bool valid() const { return buffer_ != nullptr; }
   DataType dtype() const { return dtype_; }

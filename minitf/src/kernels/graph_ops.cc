@@ -35,7 +35,18 @@ class ConstKernel : public OpKernel {
     MINITF_RETURN_IF_ERROR(init.GetAttr("dtype", &dtype));
     const pb::AttrValue* value = init.FindAttr("value");
     if (value == nullptr) return init.Error("Const has no value");
-    Status s = TensorFromProto(value->tensor(), &value_);
+    // One value may stand for a whole shape; check the size before expanding.
+    Shape shape;
+    Status s = ShapeFromProto(value->tensor().tensor_shape(), &shape);
+    if (!s.ok()) return init.Error(s.message());
+    const uint64_t bytes = static_cast<uint64_t>(shape.num_elements()) * DataTypeSize(dtype);
+    if (bytes > static_cast<uint64_t>(init.max_run_bytes())) {
+      return Status(TF_RESOURCE_EXHAUSTED,
+                    StrCat("constant of shape ", shape.ToString(), " (", bytes,
+                           " bytes) exceeds the ", init.max_run_bytes(),
+                           "-byte run memory limit (node ", init.node_name(), ")"));
+    }
+    s = TensorFromProto(value->tensor(), &value_);
     if (!s.ok()) return Status(s.code(), StrCat(s.message(), " (node ", init.node_name(), ")"));
     if (value_.dtype() != dtype) {
       return init.Error("Const value has dtype ", DataTypeName(value_.dtype()),

@@ -1,0 +1,131 @@
+// Conv2DBackpropInput, the transposed convolution that decoders use to
+// upsample: the gradient of Conv2D with respect to its input. It is computed
+// in gather form: each result pixel sums, over the filter taps that a
+// forward convolution would have fed from it, the incoming gradient times
+// the filter. The geometry (strides, dilations, SAME/VALID/EXPLICIT pads) is
+// the forward convolution's, from the shared window rules.
+#include <vector>
+
+#include "kernels/array_helpers.h"
+#include "kernels/conv_util.h"
+#include "kernels/reference_ops.h"
+#include "op_registry.h"
+
+namespace minitf {
+namespace {
+
+// out [batch, in_h, in_w, in_c] from dy [batch, out_h, out_w, out_c] and
+// filter [k_h, k_w, in_c, out_c]; g describes the forward convolution.
+template <typename T>
+void ConvTranspose(const WindowGeometry& g, const T* dy, const T* filter, T* out,
+                   const OpContext* ctx) {
+  const int64_t ci = g.in_c, co = g.out_c;
+  RunParallel(ctx, g.batch * g.in_h, g.in_w * g.k_h * g.k_w * ci * co + 1,
+              [&](int64_t begin, int64_t end) {
+    for (int64_t row = begin; row < end; ++row) {
+      const int64_t b = row / g.in_h, y = row % g.in_h;
+      for (int64_t x = 0; x < g.in_w; ++x) {
+        T* o = out + (row * g.in_w + x) * ci;
+        std::fill(o, o + ci, T(0));
+        for (int64_t ky = 0; ky < g.k_h; ++ky) {
+          const int64_t ty = y + g.pad_top - ky * g.dil_h;
+          if (ty < 0 || ty % g.stride_h != 0) continue;
+          const int64_t oy = ty / g.stride_h;
+          if (oy >= g.out_h) continue;
+          for (int64_t kx = 0; kx < g.k_w; ++kx) {
+            const int64_t tx = x + g.pad_left - kx * g.dil_w;
+            if (tx < 0 || tx % g.stride_w != 0) continue;
+            const int64_t ox = tx / g.stride_w;
+            if (ox >= g.out_w) continue;
+            const T* d = dy + ((b * g.out_h + oy) * g.out_w + ox) * co;
+            const T* f = filter + (ky * g.k_w + kx) * ci * co;
+            for (int64_t c = 0; c < ci; ++c) {
+              T acc = o[c];
+              const T* fc = f + c * co;
+              for (int64_t k = 0; k < co; ++k) acc = reference::MulAdd(acc, d[k], fc[k]);
+              o[c] = acc;
+            }
+          }
+        }
+      }
+    }
+  });
+}
+
+class Conv2DBackpropInputKernel : public OpKernel {
+ public:
+  Status Init(const KernelInit& init) {
+    MINITF_RETURN_IF_ERROR(init.GetAttr("T", &type_));
+    return attrs_.Parse(init, TF_UNIMPLEMENTED);
+  }
+
+  Status Compute(OpContext* ctx) const override {
+    const Tensor& filter = ctx->input(1);
+    const Tensor& dy = ctx->input(2);
+    MINITF_ENSURE(ctx, filter.rank() == 4, "filter must be 4-D: ", filter.shape().ToString());
+    MINITF_ENSURE(ctx, dy.rank() == 4, "out_backprop must be 4-D: ", dy.shape().ToString());
+    std::vector<int64_t> sizes;
+    MINITF_RETURN_IF_ERROR(ReadIntVector(*ctx, ctx->input(0), "input_sizes", &sizes));
+    // Either the full NHWC shape or just its spatial part.
+    if (sizes.size() == 2) {
+      sizes = {dy.dim(0), sizes[0], sizes[1], filter.dim(2)};
+    }
+    MINITF_ENSURE(ctx, sizes.size() == 4, "input_sizes must have 4 (or 2) entries, has ",
+                  sizes.size());
+    Shape out_shape;
+    MINITF_RETURN_IF_ERROR(MakeShape(*ctx, sizes, &out_shape));
+    WindowGeometry g;
+    g.batch = sizes[0];
+    g.in_h = sizes[1];
+    g.in_w = sizes[2];
+    g.in_c = sizes[3];
+    g.k_h = filter.dim(0);
+    g.k_w = filter.dim(1);
+    g.out_c = filter.dim(3);
+    MINITF_ENSURE(ctx, g.k_h > 0 && g.k_w > 0, "filter window must not be empty: ",
+                  filter.shape().ToString());
+    if (filter.dim(2) != g.in_c) {
+      return ctx->Error("filter depth ", filter.dim(2), " must match the input depth ", g.in_c,
+                        " of input_sizes ", out_shape.ToString());
+    }
+    if (dy.dim(0) != g.batch || dy.dim(3) != g.out_c) {
+      return ctx->Error("out_backprop ", dy.shape().ToString(), " must have batch ", g.batch,
+                        " and depth ", g.out_c);
+    }
+    MINITF_RETURN_IF_ERROR(ComputeWindow(*ctx, attrs_, &g));
+    if (g.out_h != dy.dim(1) || g.out_w != dy.dim(2)) {
+      return ctx->Error("out_backprop ", dy.shape().ToString(), " does not match the ", g.out_h,
+                        "x", g.out_w, " a convolution of ", out_shape.ToString(),
+                        " with this filter and these strides gives");
+    }
+    Tensor* out = nullptr;
+    MINITF_RETURN_IF_ERROR(ctx->allocate_output(0, out_shape, &out));
+    if (out->num_elements() == 0) return Status::OK();
+    return DispatchType<float, double, int32_t>(type_, [&](auto tag) {
+      using T = typename decltype(tag)::type;
+      ConvTranspose<T>(g, dy.data<T>(), filter.data<T>(), out->data<T>(), ctx);
+      return Status::OK();
+    });
+  }
+
+ private:
+  DataType type_ = kInvalidType;
+  WindowAttrs attrs_;
+};
+
+}  // namespace
+
+void RegisterConvTransposeOps(OpRegistry& r) {
+  r.Register(OpDef("Conv2DBackpropInput").Input("input_sizes: int32").Input("filter: T")
+                 .Input("out_backprop: T").Output("output: T")
+                 .Attr("T: {half, bfloat16, float, double, int32}")
+                 .Attr("strides: list(int)")
+                 .Attr("use_cudnn_on_gpu: bool = true")
+                 .Attr("padding: {'SAME', 'VALID', 'EXPLICIT'}")
+                 .Attr("explicit_paddings: list(int) = []")
+                 .Attr("data_format: {'NHWC', 'NCHW'} = 'NHWC'")
+                 .Attr("dilations: list(int) = [1, 1, 1, 1]"),
+             MakeKernel<Conv2DBackpropInputKernel>);
+}
+
+}  // namespace minitf

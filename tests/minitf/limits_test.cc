@@ -1,0 +1,275 @@
+// A graph cannot make the runtime allocate without bound: shapes computed
+// from tensor values are checked for overflow and size, and every run holds
+// at most its memory budget. Each case must end in a status without touching
+// the memory it asks for (a run that did would take seconds or be killed).
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "graph.h"
+#include "one_op.h"
+#include "session.h"
+#include "tensor.h"
+
+namespace {
+
+using testing_support::ExpectRunError;
+using testing_support::GraphBuilder;
+using testing_support::OneOp;
+
+constexpr int64_t kMega = int64_t{1} << 20;
+
+// --- Shape arithmetic -------------------------------------------------------
+
+TEST(ShapeLimitTest, ProductOfNonZeroDimsIsBounded) {
+  minitf::Shape s;
+  // 2^20 * 2^20 = 2^40 is the largest element count allowed.
+  EXPECT_TRUE(minitf::Shape::Make({kMega, kMega}, &s).ok());
+  EXPECT_EQ(s.num_elements(), int64_t{1} << 40);
+  EXPECT_FALSE(minitf::Shape::Make({kMega, kMega, 2}, &s).ok());
+  // 2^32 * 2^32 wraps to 0 in 64 bits; it must not slip through.
+  EXPECT_FALSE(minitf::Shape::Make({int64_t{1} << 32, int64_t{1} << 32}, &s).ok());
+  EXPECT_FALSE(minitf::Shape::Make({-1, 0}, &s).ok());
+  // An empty tensor may not hide huge other axes: their strides would overflow.
+  EXPECT_FALSE(minitf::Shape::Make({0, int64_t{1} << 40, int64_t{1} << 40}, &s).ok());
+  EXPECT_TRUE(minitf::Shape::Make({0, kMega, kMega}, &s).ok());
+  EXPECT_EQ(s.num_elements(), 0);
+}
+
+TEST(ShapeLimitTest, TensorLargerThanTwoGibIsRefused) {
+  minitf::Tensor t;
+  minitf::Shape s;
+  ASSERT_TRUE(minitf::Shape::Make({int64_t{1} << 29, 5}, &s).ok());
+  // 2^29 * 5 floats = 10 GiB.
+  EXPECT_EQ(minitf::Tensor::Allocate(TF_FLOAT, s, &t).code(), TF_RESOURCE_EXHAUSTED);
+  EXPECT_FALSE(t.valid());
+}
+
+// --- Ops whose output shape comes from tensor values ------------------------
+
+TEST(HugeOutputTest, FillWithATerabyteOfDims) {
+  OneOp op("Fill");
+  op.In<int32_t>({2}, {1 << 20, 1 << 20}).In<float>({}, {1.0f}).Attr("T", TF_FLOAT)
+      .Attr("index_type", TF_INT32);
+  ExpectRunError(op, TF_RESOURCE_EXHAUSTED);
+}
+
+TEST(HugeOutputTest, FillWithOverflowingDims) {
+  OneOp op("Fill");
+  op.In<int64_t>({3}, {int64_t{1} << 32, int64_t{1} << 32, 4}).In<float>({}, {1.0f})
+      .Attr("T", TF_FLOAT).Attr("index_type", TF_INT64);
+  ExpectRunError(op);
+}
+
+TEST(HugeOutputTest, TileWithHugeMultiples) {
+  OneOp op("Tile");
+  op.In<float>({2, 2}, {1, 2, 3, 4}).In<int64_t>({2}, {int64_t{1} << 40, int64_t{1} << 40})
+      .Attr("T", TF_FLOAT).Attr("Tmultiples", TF_INT64);
+  ExpectRunError(op);
+}
+
+TEST(HugeOutputTest, TileJustOverTheByteLimit) {
+  OneOp op("Tile");
+  // 2 * 2^29 floats = 4 GiB: a valid shape but over the per-tensor limit.
+  op.In<float>({2}, {1, 2}).In<int32_t>({1}, {1 << 29}).Attr("T", TF_FLOAT)
+      .Attr("Tmultiples", TF_INT32);
+  ExpectRunError(op, TF_RESOURCE_EXHAUSTED);
+}
+
+TEST(HugeOutputTest, RangeWithAHugeLimit) {
+  OneOp op("Range");
+  op.In<int64_t>({}, {0}).In<int64_t>({}, {int64_t{1} << 62}).In<int64_t>({}, {1})
+      .Attr("Tidx", TF_INT64);
+  const TF_Code code = op.Run();
+  EXPECT_TRUE(code == TF_RESOURCE_EXHAUSTED || code == TF_INVALID_ARGUMENT) << op.error();
+  EXPECT_TRUE(op.ErrorNamesNode()) << op.error();
+}
+
+TEST(HugeOutputTest, RangeOverTheWholeInt64Line) {
+  OneOp op("Range");
+  op.In<int64_t>({}, {INT64_MIN}).In<int64_t>({}, {INT64_MAX}).In<int64_t>({}, {1})
+      .Attr("Tidx", TF_INT64);
+  const TF_Code code = op.Run();
+  EXPECT_TRUE(code == TF_RESOURCE_EXHAUSTED || code == TF_INVALID_ARGUMENT) << op.error();
+}
+
+TEST(HugeOutputTest, PadWithHugePaddings) {
+  OneOp op("Pad");
+  op.In<float>({1}, {1}).In<int64_t>({1, 2}, {INT64_MAX - 1, INT64_MAX - 1})
+      .Attr("T", TF_FLOAT).Attr("Tpaddings", TF_INT64);
+  ExpectRunError(op);
+}
+
+TEST(HugeOutputTest, ReshapeToOverflowingDims) {
+  OneOp op("Reshape");
+  op.In<float>({4}, {1, 2, 3, 4}).In<int64_t>({3}, {int64_t{1} << 32, int64_t{1} << 32, 0})
+      .Attr("T", TF_FLOAT).Attr("Tshape", TF_INT64);
+  ExpectRunError(op);
+}
+
+TEST(HugeOutputTest, ReshapeInferringFromAnEmptyTensor) {
+  OneOp op("Reshape");
+  op.In<float>({0}, {}).In<int64_t>({4}, {0, -1, int64_t{1} << 40, int64_t{1} << 40})
+      .Attr("T", TF_FLOAT).Attr("Tshape", TF_INT64);
+  ExpectRunError(op);
+}
+
+TEST(HugeOutputTest, MatMulOfEmptyMatricesWithHugeOuterDims) {
+  // Both inputs are empty, yet the product would have 2^80 elements.
+  OneOp op("MatMul");
+  op.In<float>({int64_t{1} << 40, 0}, {}).In<float>({0, int64_t{1} << 40}, {})
+      .Attr("T", TF_FLOAT).Attr("transpose_a", false).Attr("transpose_b", false);
+  ExpectRunError(op, TF_RESOURCE_EXHAUSTED);
+}
+
+TEST(HugeOutputTest, ConstWithAHugeShapeAndOneValue) {
+  GraphBuilder g;
+  g.Const<float>("big", {kMega, kMega}, {1.0f});
+  testing_support::TestSession session(g.Serialize());
+  TF_Code code = session.code();
+  std::string message = session.message();
+  if (code == TF_OK) {
+    std::vector<testing_support::TensorPtr> out;
+    code = session.Run({}, {"big"}, &out);
+    message = session.last_error();
+  }
+  EXPECT_EQ(code, TF_RESOURCE_EXHAUSTED) << message;
+  EXPECT_NE(message.find("big"), std::string::npos) << message;
+}
+
+// --- The per-run budget -----------------------------------------------------
+
+class RunBudgetTest : public ::testing::Test {
+ protected:
+  // x: [n] float fed; a = Fill(dims, 1) of `fill_count` floats, b = a + a.
+  void Import(int64_t fill_count) {
+    g_.Const<int64_t>("dims", {1}, {fill_count});
+    g_.Const<float>("one", {}, {1.0f});
+    g_.Node("Fill", "a").Input("dims").Input("one").Attr("T", TF_FLOAT)
+        .Attr("index_type", TF_INT64);
+    g_.Node("AddV2", "b").Input("a").Input("a").Attr("T", TF_FLOAT);
+    const std::string bytes = g_.Serialize();
+    ASSERT_TRUE(graph_.Import(bytes.data(), bytes.size(), {}).ok());
+  }
+  minitf::Status Run(int64_t limit, const std::string& fetch, std::vector<minitf::Tensor>* out) {
+    minitf::SessionConfig config;
+    config.intra_op_threads = 1;
+    config.max_run_bytes = limit;
+    minitf::Session session(&graph_, config);
+    return session.Run({}, {{graph_.Find(fetch), 0}}, {}, out);
+  }
+
+  GraphBuilder g_;
+  minitf::Graph graph_;
+};
+
+TEST_F(RunBudgetTest, LiveBytesOverTheLimitFailNamingTheNode) {
+  Import(1000);  // a and b are 4000 bytes each and live together
+  std::vector<minitf::Tensor> out;
+  minitf::Status s = Run(7999, "b", &out);
+  EXPECT_EQ(s.code(), TF_RESOURCE_EXHAUSTED) << s.message();
+  EXPECT_NE(s.message().find("node b"), std::string::npos) << s.message();
+  EXPECT_TRUE(out.empty());
+}
+
+TEST_F(RunBudgetTest, ExactlyTheLimitSucceeds) {
+  Import(1000);
+  std::vector<minitf::Tensor> out;
+  minitf::Status s = Run(8000, "b", &out);
+  ASSERT_TRUE(s.ok()) << s.message();
+  ASSERT_EQ(out.size(), 1u);
+  EXPECT_EQ(out[0].num_elements(), 1000);
+  EXPECT_EQ(out[0].data<float>()[999], 2.0f);
+}
+
+TEST_F(RunBudgetTest, FirstOversizedAllocationNamesItsNode) {
+  Import(1000);
+  std::vector<minitf::Tensor> out;
+  minitf::Status s = Run(3999, "b", &out);
+  EXPECT_EQ(s.code(), TF_RESOURCE_EXHAUSTED);
+  EXPECT_NE(s.message().find("node a"), std::string::npos) << s.message();
+}
+
+TEST_F(RunBudgetTest, EveryRunStartsWithAFullBudget) {
+  Import(1000);
+  minitf::SessionConfig config;
+  config.intra_op_threads = 1;
+  config.max_run_bytes = 8000;
+  minitf::Session session(&graph_, config);
+  // Were bytes of earlier runs (or their freed intermediates) still charged,
+  // the second run would fail.
+  for (int i = 0; i < 3; ++i) {
+    std::vector<minitf::Tensor> out;
+    minitf::Status s = session.Run({}, {{graph_.Find("b"), 0}}, {}, &out);
+    ASSERT_TRUE(s.ok()) << "run " << i << ": " << s.message();
+  }
+}
+
+TEST(RunBudgetConstTest, ConstantLargerThanTheLimitIsRefusedBeforeExpanding) {
+  // One float_val standing for all 1000 elements.
+  minitf::pb::TensorProto value;
+  value.set_dtype(minitf::pb::DT_FLOAT);
+  value.mutable_tensor_shape()->add_dim()->set_size(1000);
+  value.add_float_val(3.0f);
+  GraphBuilder g;
+  g.Node("Const", "c").Attr("dtype", TF_FLOAT).Attr("value", value);
+  minitf::Graph graph;
+  const std::string bytes = g.Serialize();
+  ASSERT_TRUE(graph.Import(bytes.data(), bytes.size(), {}).ok());
+  for (int64_t limit : {int64_t{3999}, int64_t{4000}}) {
+    minitf::SessionConfig config;
+    config.max_run_bytes = limit;
+    minitf::Session session(&graph, config);
+    std::vector<minitf::Tensor> out;
+    minitf::Status s = session.Run({}, {{graph.Find("c"), 0}}, {}, &out);
+    if (limit == 3999) {
+      EXPECT_EQ(s.code(), TF_RESOURCE_EXHAUSTED) << s.message();
+      EXPECT_NE(s.message().find("node c"), std::string::npos) << s.message();
+    } else {
+      ASSERT_TRUE(s.ok()) << s.message();
+      EXPECT_EQ(out[0].data<float>()[999], 3.0f);
+    }
+  }
+}
+
+TEST(MemoryBudgetTest, ReservesAndReleases) {
+  auto budget = std::make_shared<minitf::MemoryBudget>(100);
+  EXPECT_TRUE(budget->Reserve(60));
+  EXPECT_FALSE(budget->Reserve(41));
+  EXPECT_EQ(budget->used(), 60);
+  EXPECT_TRUE(budget->Reserve(40));
+  budget->Release(60);
+  EXPECT_EQ(budget->used(), 40);
+  EXPECT_FALSE(budget->Reserve(SIZE_MAX));
+  EXPECT_EQ(budget->used(), 40);
+}
+
+TEST(MemoryBudgetTest, TensorsGiveTheirBytesBackWhenTheyDie) {
+  auto budget = std::make_shared<minitf::MemoryBudget>(1024);
+  minitf::Tensor a, b;
+  ASSERT_TRUE(minitf::Tensor::Allocate(TF_INT32, minitf::Shape({100}), &a, budget).ok());
+  EXPECT_EQ(budget->used(), 400);
+  minitf::Tensor shared = a;  // a second reference keeps the bytes charged
+  a = minitf::Tensor();
+  EXPECT_EQ(budget->used(), 400);
+  EXPECT_EQ(minitf::Tensor::Allocate(TF_DOUBLE, minitf::Shape({100}), &b, budget).code(),
+            TF_RESOURCE_EXHAUSTED);
+  shared = minitf::Tensor();
+  EXPECT_EQ(budget->used(), 0);
+  EXPECT_TRUE(minitf::Tensor::Allocate(TF_DOUBLE, minitf::Shape({100}), &b, budget).ok());
+  EXPECT_EQ(budget->used(), 800);
+}
+
+TEST(MemoryBudgetTest, DefaultIsFourGibUnlessTheEnvironmentSaysOtherwise) {
+  const char* env = std::getenv("MINITF_MAX_RUN_BYTES");
+  if (env == nullptr) {
+    EXPECT_EQ(minitf::MemoryBudget::DefaultRunLimit(), int64_t{4} << 30);
+  } else {
+    EXPECT_GT(minitf::MemoryBudget::DefaultRunLimit(), 0);
+  }
+}
+
+}  // namespace
