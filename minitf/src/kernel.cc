@@ -36,7 +36,7 @@ const pb::AttrValue* KernelInit::FindAttr(const std::string& name) const {
 MINITF_GET_SCALAR_ATTR(int64_t, kI, v->i())
 MINITF_GET_SCALAR_ATTR(float, kF, v->f())
 MINITF_GET_SCALAR_ATTR(bool, kB, v->b())
-MINITF_GET_SCALAR_ATTR(DataType, kType, static_cast<DataType>(v->type()))
+MINITF_GET_SCALAR_ATTR(DataType, kType, DataTypeFromProto(v->type()))
 MINITF_GET_SCALAR_ATTR(std::string, kS, v->s())
 #undef MINITF_GET_SCALAR_ATTR
 
@@ -77,7 +77,7 @@ Status KernelInit::GetAttr(const std::string& name, std::vector<DataType>* value
   const pb::AttrValue* v = nullptr;
   MINITF_RETURN_IF_ERROR(Lookup(attrs_, node_name_, name, pb::AttrValue::kList, &v));
   value->clear();
-  for (int t : v->list().type()) value->push_back(static_cast<DataType>(t));
+  for (int t : v->list().type()) value->push_back(DataTypeFromProto(t));
   return Status::OK();
 }
 

@@ -279,7 +279,7 @@ Status OpDef::FillAndCheckAttrs(AttrMap* attrs) const {
       return InvalidArgument("attribute '", def.name, "' should be of kind ", KindName(def.kind));
     }
     if (def.kind == AttrKind::kType) {
-      const DataType t = static_cast<DataType>(v.type());
+      const DataType t = DataTypeFromProto(v.type());
       if (!def.allowed_types.empty()) {
         bool ok = false;
         for (DataType a : def.allowed_types) ok = ok || a == t;
@@ -294,9 +294,9 @@ Status OpDef::FillAndCheckAttrs(AttrMap* attrs) const {
     }
     if (def.kind == AttrKind::kListType) {
       for (int t : v.list().type()) {
-        if (DataTypeSize(static_cast<DataType>(t)) == 0) {
+        if (DataTypeSize(DataTypeFromProto(t)) == 0) {
           return InvalidArgument("attribute '", def.name, "' holds unsupported type ",
-                                 DataTypeName(static_cast<DataType>(t)));
+                                 DataTypeName(DataTypeFromProto(t)));
         }
       }
     }
@@ -338,9 +338,9 @@ Status OpDef::ArgTypes(const std::vector<ArgDef>& args, const AttrMap& attrs,
     auto t = attrs.find(arg.type_attr);
     if (t == attrs.end()) return InvalidArgument("missing type attribute '", arg.type_attr, "'");
     if (t->second.value_case() == pb::AttrValue::kType) {
-      types->insert(types->end(), count, static_cast<DataType>(t->second.type()));
+      types->insert(types->end(), count, DataTypeFromProto(t->second.type()));
     } else if (t->second.value_case() == pb::AttrValue::kList && arg.number_attr.empty()) {
-      for (int v : t->second.list().type()) types->push_back(static_cast<DataType>(v));
+      for (int v : t->second.list().type()) types->push_back(DataTypeFromProto(v));
     } else {
       return InvalidArgument("attribute '", arg.type_attr, "' should be a type");
     }

@@ -27,7 +27,7 @@ Status ShapeFromProto(const pb::TensorShapeProto& proto, Shape* out) {
 }
 
 Status TensorFromProto(const pb::TensorProto& proto, Tensor* out) {
-  const DataType dtype = static_cast<DataType>(proto.dtype());
+  const DataType dtype = DataTypeFromProto(proto.dtype());
   Shape shape;
   MINITF_RETURN_IF_ERROR(ShapeFromProto(proto.tensor_shape(), &shape));
   const size_t elem = DataTypeSize(dtype);

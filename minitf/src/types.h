@@ -15,6 +15,12 @@ namespace minitf {
 using DataType = TF_DataType;
 inline constexpr DataType kInvalidType = static_cast<DataType>(0);
 
+// A dtype number read from a graph or tensor proto. Numbers beyond the enum
+// become kInvalidType: a C++ enum may not hold a value outside its range.
+inline DataType DataTypeFromProto(int64_t v) {
+  return v >= TF_FLOAT && v <= TF_UINT64 ? static_cast<DataType>(v) : kInvalidType;
+}
+
 // Bytes per element; 0 for types without a fixed element size.
 size_t DataTypeSize(DataType dt);
 // "float", "int32", ... as TensorFlow spells them; "unknown(N)" otherwise.
