@@ -194,12 +194,12 @@ Status Session::BuildPlan(const std::vector<Feed>& feeds, const std::vector<Fetc
   for (const Node* n : needed) {
     const DeviceKind kind = ClassifyDevice(n->def.device());
     if (kind == DeviceKind::kMalformed) {
-      return InvalidArgument("Malformed device specification '", n->def.device(),
+      return InvalidArgument("Malformed device name '", n->def.device(),
                              "' in node '", n->name(), "'");
     }
     if (kind == DeviceKind::kOther && !config_.allow_soft_placement) {
       return InvalidArgument("Cannot assign a device for operation '", n->name(),
-                             "': could not satisfy explicit device specification '",
+                             "': could not satisfy the explicit device '",
                              n->def.device(), "' because only "
                              "/job:localhost/replica:0/task:0/device:CPU:0 exists");
     }

@@ -54,7 +54,7 @@ Status LoadTfjsModel(const std::string& json_path, TfjsModel* model);
 Status ShardPaths(const std::string& json_text, std::vector<std::string>* paths);
 
 // Decodes one weight starting at `*offset` of `data` and advances the
-// offset. Fails when the bytes the spec needs run past the end.
+// offset. Fails when the bytes the weight entry needs run past the end.
 Status DecodeWeight(const WeightSpec& spec, const std::string& data, size_t* offset,
                     pb::TensorProto* out);
 
