@@ -11,6 +11,18 @@ class ClassifierVector : public BaseModel {
 
   // A new vector, or null with the error state set.
   virtual FloatVector* Predict(const Image& image) = 0;
+
+ protected:
+  // The shape tensor fed beside the flat pixel bytes.
+  enum class ShapeTensor { kHeightWidthChannels, kBatchHeightWidthChannels };
+
+  // The run shared by the models fed with the host's bytes as one flat
+  // dimension and the image's shape on "InputShape", answering with one row
+  // of `outputNode`. Inputs are looked up before they are borrowed; a missing
+  // output node leaves the input tensors behind; a failed run deletes every
+  // tensor and keeps the lock held.
+  FloatVector* PredictFlatPixelsRow(const Image& image, const char* pixelsNode,
+                                    ShapeTensor shapeTensor, const char* outputNode);
 };
 
 #endif  // VIDEOANALYTICS_MODELS_CLASSIFIERS_CLASSIFIERVECTOR_H_
