@@ -11,6 +11,14 @@ class Classifier : public BaseModel {
 
   // The model's number, or its failure value with the error state set.
   virtual float Predict(const Image& image) = 0;
+
+ protected:
+  // The run shared by the models fed "input_0" with the image as a batch of
+  // one in its own channel count, answering with the first value of
+  // "Identity". The pixel tensor is built before the lookup is tested and is
+  // left undeleted when the node is missing; a failed run deletes every
+  // tensor and keeps the lock held.
+  float PredictOwnChannelsScore(const Image& image);
 };
 
 #endif  // VIDEOANALYTICS_MODELS_CLASSIFIERS_CLASSIFIER_H_
