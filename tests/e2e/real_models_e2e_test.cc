@@ -4,13 +4,14 @@
 // the sample media have not been fetched (scripts/setup.sh).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <string>
-#include <vector>
-
+#include <iterator>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
+#include <string>
+#include <vector>
 
 #include "adapters.h"
 #include "converter.h"
@@ -235,11 +236,242 @@ TEST_P(FaceOnAstronaut, FlatPictureHasNoFace) {
 INSTANTIATE_TEST_SUITE_P(BlazeFace, FaceOnAstronaut, testing::Values("front", "back"));
 
 TEST(Adapters, TableNamesEachContractOnce) {
-  EXPECT_NE(tfjs::FindAdapter("skeleton"), nullptr);
-  EXPECT_NE(tfjs::FindAdapter("face-front"), nullptr);
-  EXPECT_NE(tfjs::FindAdapter("face-back"), nullptr);
+  const char* names[] = {"skeleton", "face-front",    "face-back", "age",
+                         "gender",   "face-features", "emotion",   "person-vehicle"};
+  for (const char* name : names) EXPECT_NE(tfjs::FindAdapter(name), nullptr) << name;
   EXPECT_EQ(tfjs::FindAdapter("no-such-adapter"), nullptr);
-  EXPECT_EQ(tfjs::Adapters().size(), 3u);
+  EXPECT_EQ(tfjs::Adapters().size(), std::size(names));
+}
+
+// The face models run on crops the face detector finds, as a host would
+// chain them: the astronaut (an adult woman, smiling) and Messi (an adult
+// man) in messi5.jpg (548x342).
+constexpr int kAgeModel = 5, kFaceEmbedding = 8, kGenderModel = 9, kEmotionModel = 12;
+constexpr int kPersonVehicleDetector = 3;
+constexpr int kFaceresSide = 224;
+
+// A square around the face box, `grow` times its larger side and moved by
+// (dx, dy) pixels, kept inside the picture, resized to side x side.
+cv::Mat FaceCrop(const cv::Mat& picture, const NativeBoundingBox& face, float grow, int dx, int dy,
+                 int side) {
+  const float size = std::max(face.width, face.height) * grow;
+  const float cx = face.x + face.width / 2 + dx, cy = face.y + face.height / 2 + dy;
+  cv::Rect square(cvRound(cx - size / 2), cvRound(cy - size / 2), cvRound(size), cvRound(size));
+  square &= cv::Rect(0, 0, picture.cols, picture.rows);
+  cv::Mat crop;
+  cv::resize(picture(square), crop, cv::Size(side, side), 0, 0, cv::INTER_AREA);
+  return crop;
+}
+
+std::vector<float> Vector(ProcessResult* r) {
+  std::vector<float> out;
+  EXPECT_EQ(r->error->code, 0) << (r->error->message ? r->error->message : "");
+  auto* v = static_cast<FloatVector*>(r->payload);
+  if (v != nullptr) out.assign(v->values, v->values + v->count);
+  DisposeFloatVector(v);
+  DisposeProcessResult(r);
+  return out;
+}
+
+// Crops of equal size, back to back, as one batch.
+std::vector<float> Embeddings(void* model, const std::vector<cv::Mat>& crops) {
+  std::vector<uint8_t> bytes;
+  for (const cv::Mat& c : crops) bytes.insert(bytes.end(), c.data, c.data + c.total() * 3);
+  const BatchImageInput batch{static_cast<int32_t>(crops.size()),
+                              Image{crops[0].cols, crops[0].rows, bytes.data(), 3}};
+  return Vector(PredictBatch(model, batch));
+}
+
+float Cosine(const float* a, const float* b, size_t n) {
+  double ab = 0, aa = 0, bb = 0;
+  for (size_t i = 0; i < n; ++i) {
+    ab += double{a[i]} * b[i];
+    aa += double{a[i]} * a[i];
+    bb += double{b[i]} * b[i];
+  }
+  return static_cast<float>(ab / std::sqrt(aa * bb));
+}
+
+class FaceAttributes : public testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* name : {"astronaut.png", "messi5.jpg"}) {
+      const std::string path = CacheDir() + "/media/" + name;
+      pictures_.push_back(cv::imread(path, cv::IMREAD_COLOR));
+      if (pictures_.back().empty())
+        GTEST_SKIP() << path << " is absent (run scripts/fetch_media.sh)";
+    }
+    std::string why;
+    const std::string detector = ConvertedModel("blazeface-back", "face-back", &why);
+    if (detector.empty()) GTEST_SKIP() << why;
+    LibraryModel faces(2, detector);
+    ASSERT_EQ(faces.code(), 0);
+    for (cv::Mat& picture : pictures_) {
+      const std::vector<NativeBoundingBox> found = Faces(faces.handle(), picture, 0.6f, 0.3f);
+      ASSERT_EQ(found.size(), 1u) << "one face per sample picture";
+      faces_.push_back(found[0]);
+    }
+  }
+  cv::Mat Crop(int picture, float grow = 1.2f, int dx = 0, int dy = 0) const {
+    return FaceCrop(pictures_[picture], faces_[picture], grow, dx, dy, kFaceresSide);
+  }
+  // The converted faceres without adapter, run on a crop of its own side
+  // (so no resize happens on either path): RGB floats 0..255.
+  std::vector<float> FaceresDirect(const std::string& plain, const cv::Mat& crop,
+                                   const std::string& fetch) {
+    cv::Mat rgb;
+    cv::cvtColor(crop, rgb, cv::COLOR_BGR2RGB);
+    std::vector<float> pixels(rgb.data, rgb.data + rgb.total() * 3);
+    TestSession session(plain);
+    EXPECT_EQ(session.code(), TF_OK) << session.message();
+    TensorPtr in = MakeTensor<float>({1, kFaceresSide, kFaceresSide, 3}, pixels);
+    std::vector<TensorPtr> out;
+    EXPECT_EQ(session.Run({{"input_1", in.get()}}, {fetch}, &out), TF_OK) << session.last_error();
+    return out.empty() ? std::vector<float>() : Values<float>(out[0].get());
+  }
+
+  enum { kAstronaut = 0, kMessi = 1 };
+  std::vector<cv::Mat> pictures_;
+  std::vector<NativeBoundingBox> faces_;
+};
+
+TEST_F(FaceAttributes, AgeIsAdultAndFaceresOwnEstimate) {
+  std::string why;
+  const std::string adapted = ConvertedModel("faceres", "age", &why);
+  const std::string plain = ConvertedModel("faceres", "", &why);
+  if (adapted.empty() || plain.empty()) GTEST_SKIP() << why;
+  LibraryModel model(kAgeModel, adapted);
+  ASSERT_EQ(model.code(), 0);
+  for (int who : {kAstronaut, kMessi}) {
+    cv::Mat crop = Crop(who);
+    const std::vector<float> age = Vector(Predict(model.handle(), AsImage(crop)));
+    ASSERT_EQ(age.size(), 1u);
+    EXPECT_GE(age[0], 18) << "picture " << who;
+    EXPECT_LE(age[0], 70) << "picture " << who;
+    // faceres's own reading: the most likely year of its softmax.
+    const std::vector<float> softmax = FaceresDirect(plain, crop, "age_pred/Softmax");
+    ASSERT_EQ(softmax.size(), 100u);
+    const auto most_likely = std::max_element(softmax.begin(), softmax.end()) - softmax.begin();
+    EXPECT_EQ(age[0], static_cast<float>(most_likely)) << "picture " << who;
+  }
+}
+
+// TF.js reads faceres's gender sigmoid as "female" at or below 0.5 (on
+// these crops it gives about 0.2 for the astronaut); the library chains the
+// face features (type 8) into the gender head (type 9), and the two halves
+// must give what the whole model gives.
+TEST_F(FaceAttributes, GenderFromFaceFeaturesSidesWithThePerson) {
+  std::string why;
+  const std::string features = ConvertedModel("faceres", "face-features", &why);
+  const std::string gender = ConvertedModel("faceres", "gender", &why);
+  const std::string plain = ConvertedModel("faceres", "", &why);
+  if (features.empty() || gender.empty() || plain.empty()) GTEST_SKIP() << why;
+  LibraryModel embed(kFaceEmbedding, features);
+  LibraryModel head(kGenderModel, gender);
+  ASSERT_EQ(embed.code(), 0);
+  ASSERT_EQ(head.code(), 0);
+  float scores[2];
+  for (int who : {kAstronaut, kMessi}) {
+    const cv::Mat crop = Crop(who);
+    std::vector<float> row = Embeddings(embed.handle(), {crop});
+    ASSERT_EQ(row.size(), 1024u);
+    const std::vector<float> score =
+        Vector(GetGender(head.handle(), static_cast<int32_t>(row.size()), row.data()));
+    ASSERT_EQ(score.size(), 1u);
+    scores[who] = score[0];
+    const std::vector<float> whole = FaceresDirect(plain, crop, "gender_pred/Sigmoid");
+    ASSERT_EQ(whole.size(), 1u);
+    EXPECT_NEAR(score[0], whole[0], 1e-4) << "picture " << who;
+  }
+  EXPECT_LT(scores[kAstronaut], 0.5f);
+  EXPECT_GT(scores[kMessi], 0.5f);
+}
+
+// The same face cropped twice a little differently stays closer to itself
+// than to another person's face; a batch gives each crop's row unchanged.
+TEST_F(FaceAttributes, EmbeddingsTellFacesApart) {
+  std::string why;
+  const std::string features = ConvertedModel("faceres", "face-features", &why);
+  if (features.empty()) GTEST_SKIP() << why;
+  LibraryModel model(kFaceEmbedding, features);
+  ASSERT_EQ(model.code(), 0);
+  const std::vector<float> rows =
+      Embeddings(model.handle(), {Crop(kAstronaut), Crop(kAstronaut, 1.35f, 5, -4), Crop(kMessi)});
+  ASSERT_EQ(rows.size(), 3u * 1024);
+  const float* first = rows.data();
+  const float* second = first + 1024;
+  const float* messi = second + 1024;
+  const float same = Cosine(first, second, 1024);
+  EXPECT_GT(same, Cosine(first, messi, 1024));
+  EXPECT_GT(same, Cosine(second, messi, 1024));
+
+  const std::vector<float> alone = Embeddings(model.handle(), {Crop(kMessi)});
+  ASSERT_EQ(alone.size(), 1024u);
+  for (size_t i = 0; i < alone.size(); ++i) EXPECT_NEAR(alone[i], messi[i], 1e-4) << i;
+}
+
+TEST_F(FaceAttributes, EmotionsAreADistribution) {
+  std::string why;
+  const std::string graph = ConvertedModel("emotion", "emotion", &why);
+  if (graph.empty()) GTEST_SKIP() << why;
+  LibraryModel model(kEmotionModel, graph);
+  ASSERT_EQ(model.code(), 0);
+  for (int who : {kAstronaut, kMessi}) {
+    // Any crop size: the graph gets the bytes and their shape.
+    cv::Mat crop = FaceCrop(pictures_[who], faces_[who], 1.1f, 0, 0, 97);
+    const std::vector<float> scores = Vector(PredictVector(model.handle(), AsImage(crop)));
+    ASSERT_EQ(scores.size(), 7u);
+    float sum = 0;
+    for (float p : scores) {
+      EXPECT_GE(p, 0.0f);
+      EXPECT_LE(p, 1.0f);
+      sum += p;
+    }
+    EXPECT_NEAR(sum, 1.0f, 1e-4) << "picture " << who;
+    // The astronaut smiles: "happy" (the fourth class) leads.
+    if (who == kAstronaut) {
+      EXPECT_EQ(std::max_element(scores.begin(), scores.end()) - scores.begin(), 3);
+    }
+  }
+}
+
+// The person and vehicle detector reports the object-detection label map's
+// classes: 1 person, 2 bicycle, 3 car, 4 motorcycle, 6 bus, 8 truck.
+std::vector<NativeBoundingBox> Objects(void* model, cv::Mat& bgr, float score) {
+  return Faces(model, bgr, score, 0.5f);
+}
+
+TEST_F(FaceAttributes, PersonDetectedAroundTheFace) {
+  std::string why;
+  const std::string graph = ConvertedModel("centernet", "person-vehicle", &why);
+  if (graph.empty()) GTEST_SKIP() << why;
+  LibraryModel model(kPersonVehicleDetector, graph);
+  ASSERT_EQ(model.code(), 0);
+  for (int who : {kAstronaut, kMessi}) {
+    cv::Mat& picture = pictures_[who];
+    const std::vector<NativeBoundingBox> boxes = Objects(model.handle(), picture, 0.3f);
+    ASSERT_FALSE(boxes.empty()) << "picture " << who;
+    const NativeBoundingBox& face = faces_[who];
+    const float fx = (face.x + face.width / 2) / picture.cols;
+    const float fy = (face.y + face.height / 2) / picture.rows;
+    bool person_around_face = false;
+    for (size_t i = 0; i < boxes.size(); ++i) {
+      const NativeBoundingBox& b = boxes[i];
+      EXPECT_TRUE(b.classId == 1 || b.classId == 2 || b.classId == 3 || b.classId == 4 ||
+                  b.classId == 6 || b.classId == 8)
+          << "class " << b.classId;
+      EXPECT_GE(b.x, 0.0f);
+      EXPECT_GE(b.y, 0.0f);
+      EXPECT_LE(b.x + b.width, 1.0f + 1e-6f);
+      EXPECT_LE(b.y + b.height, 1.0f + 1e-6f);
+      if (i > 0) EXPECT_LE(b.score, boxes[i - 1].score);
+      person_around_face |=
+          b.classId == 1 && b.x < fx && fx < b.x + b.width && b.y < fy && fy < b.y + b.height;
+    }
+    EXPECT_TRUE(person_around_face) << "picture " << who;
+  }
+  cv::Mat grey(300, 400, CV_8UC3, cv::Scalar(90, 90, 90));
+  EXPECT_TRUE(Objects(model.handle(), grey, 0.3f).empty());
 }
 
 }  // namespace

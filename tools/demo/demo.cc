@@ -1,23 +1,27 @@
-// demo: faces and body keypoints on pictures and a video, through the
+// demo: faces with their age, gender score, emotion and embedding, body
+// keypoints, and persons and vehicles on pictures and a video, through the
 // library's C ABI only; OpenCV reads, draws and writes.
 //
-//   demo --models DIR --out DIR [--face-threshold F] file...
+//   demo --models DIR --out DIR [--face-threshold F] [--object-threshold F] file...
 //
 // DIR holds face.pb (face detector, type 2) and skeleton.pb (skeleton
-// detector, type 24). Pictures give NAME_annotated.png, videos give
-// NAME_annotated.avi; every picture or frame adds one JSON line to
-// results.jsonl in the output folder.
+// detector, type 24), and, each optional, age.pb (type 5), face-features.pb
+// (face embedding, type 8), gender.pb (type 9, fed with the face features),
+// emotion.pb (type 12) and person-vehicle.pb (type 3). Pictures give
+// NAME_annotated.png, videos give NAME_annotated.avi; every picture or frame
+// adds one JSON line to results.jsonl in the output folder.
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <string>
-#include <vector>
-
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
+#include <string>
+#include <vector>
 
 #include "videoanalytics.h"
 
@@ -25,7 +29,37 @@ namespace {
 
 constexpr int kFaceDetector = 2;
 constexpr int kSkeletonDetector = 24;
+constexpr int kPersonVehicleDetector = 3;
+constexpr int kAgeModel = 5;
+constexpr int kFaceEmbedding = 8;
+constexpr int kGenderModel = 9;
+constexpr int kEmotionModel = 12;
 constexpr float kKeypointFloor = 0.3f;  // below this a keypoint is not drawn
+constexpr int kFaceCropSide = 224;      // the face models' own input side
+constexpr int kEmbeddingHead = 4;       // embedding values written per face
+
+// The emotion model's classes, in its output order.
+const char* const kEmotions[] = {"angry", "disgust", "fear", "happy", "sad", "surprise", "neutral"};
+
+// The person and vehicle detector's classes (object-detection label map).
+const char* ObjectLabel(int id) {
+  switch (id) {
+    case 1:
+      return "person";
+    case 2:
+      return "bicycle";
+    case 3:
+      return "car";
+    case 4:
+      return "motorcycle";
+    case 6:
+      return "bus";
+    case 8:
+      return "truck";
+    default:
+      return "object";
+  }
+}
 
 // The 17 keypoints' bones: face, arms, torso, legs.
 const int kBones[][2] = {{0, 1},  {0, 2},   {1, 3},   {2, 4},   {5, 6},   {5, 7},
@@ -36,10 +70,43 @@ struct Keypoint {
   float x, y, score;  // pixels of the picture
 };
 
+// What the face models say about one face; fields stay unset (negative,
+// empty) when their model is not loaded.
+struct FaceInfo {
+  float age = -1;
+  float gender = -1;  // 0 woman .. 1 man
+  std::vector<float> emotions;
+  std::vector<float> embedding;
+  float similarity = -2;  // cosine to the first face of the run
+};
+
 struct Result {
   std::vector<NativeBoundingBox> faces;
+  std::vector<FaceInfo> info;              // one per face
+  std::vector<NativeBoundingBox> objects;  // in pixels
   std::vector<Keypoint> keypoints;
 };
+
+float Norm(const std::vector<float>& v) {
+  double sum = 0;
+  for (float x : v) sum += double{x} * x;
+  return static_cast<float>(std::sqrt(sum));
+}
+
+float Cosine(const std::vector<float>& a, const std::vector<float>& b) {
+  if (a.size() != b.size() || a.empty()) return -2;
+  double ab = 0;
+  for (size_t i = 0; i < a.size(); ++i) ab += double{a[i]} * b[i];
+  const float norms = Norm(a) * Norm(b);
+  return norms > 0 ? static_cast<float>(ab / norms) : -2;
+}
+
+int Strongest(const std::vector<float>& scores) {
+  int best = 0;
+  for (int i = 1; i < static_cast<int>(scores.size()); ++i)
+    best = scores[i] > scores[best] ? i : best;
+  return best;
+}
 
 std::string MessageOf(const ProcessResult* r) {
   return r->error != nullptr && r->error->message != nullptr ? r->error->message : "";
@@ -47,8 +114,10 @@ std::string MessageOf(const ProcessResult* r) {
 
 class Model {
  public:
-  Model(int type, const std::string& path) {
+  // An optional model whose file is absent stays unloaded without error.
+  Model(int type, const std::string& path, bool optional = false) {
     std::ifstream in(path, std::ios::binary);
+    if (!in && optional) return;
     graph_.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     if (graph_.empty()) {
       error_ = "cannot read " + path;
@@ -65,6 +134,7 @@ class Model {
   Model& operator=(const Model&) = delete;
 
   void* handle() const { return handle_; }
+  bool loaded() const { return handle_ != nullptr && error_.empty(); }
   const std::string& error() const { return error_; }
 
  private:
@@ -73,9 +143,89 @@ class Model {
   std::string error_;
 };
 
-// Runs both models on one BGR picture; false with `error` set on failure.
-bool Analyse(const Model& faces, const Model& skeleton, cv::Mat& bgr, float threshold,
-             Result* out, std::string* error) {
+struct Models {
+  Model faces, skeleton, objects, age, features, gender, emotion;
+  float face_threshold = 0.6f, object_threshold = 0.4f;
+  std::vector<float> first_embedding;  // of the first face of the run
+};
+
+// A square around the face, 1.2 times its larger side, inside the picture,
+// at the face models' side.
+cv::Mat FaceCrop(const cv::Mat& bgr, const NativeBoundingBox& face) {
+  const float size = std::max(face.width, face.height) * 1.2f;
+  const float cx = face.x + face.width / 2, cy = face.y + face.height / 2;
+  cv::Rect square(cvRound(cx - size / 2), cvRound(cy - size / 2), cvRound(size), cvRound(size));
+  square &= cv::Rect(0, 0, bgr.cols, bgr.rows);
+  cv::Mat crop;
+  if (square.area() > 0) cv::resize(bgr(square), crop, cv::Size(kFaceCropSide, kFaceCropSide));
+  return crop;
+}
+
+// The payload of a FloatVector result; empty with `error` set on failure.
+std::vector<float> TakeVector(ProcessResult* r, const char* what, std::string* error) {
+  std::vector<float> out;
+  auto* v = static_cast<FloatVector*>(r->payload);
+  if (r->error != nullptr && r->error->code != 0) {
+    *error = std::string(what) + ": " + MessageOf(r);
+  } else if (v != nullptr) {
+    out.assign(v->values, v->values + v->count);
+  }
+  DisposeFloatVector(v);
+  DisposeProcessResult(r);
+  return out;
+}
+
+// Age, emotion, embedding and gender of every face found in `out`.
+bool DescribeFaces(Models& m, const cv::Mat& bgr, Result* out, std::string* error) {
+  std::vector<cv::Mat> crops;
+  for (const NativeBoundingBox& b : out->faces) crops.push_back(FaceCrop(bgr, b));
+  out->info.assign(crops.size(), FaceInfo{});
+  std::vector<uint8_t> batch;
+  for (size_t i = 0; i < crops.size() && error->empty(); ++i) {
+    cv::Mat& crop = crops[i];
+    if (crop.empty()) continue;
+    const Image image{crop.cols, crop.rows, crop.data, 3};
+    FaceInfo& info = out->info[i];
+    if (m.age.loaded()) {
+      const std::vector<float> age = TakeVector(Predict(m.age.handle(), image), "age", error);
+      if (!age.empty()) info.age = age[0];
+    }
+    if (m.emotion.loaded()) {
+      info.emotions = TakeVector(PredictVector(m.emotion.handle(), image), "emotion", error);
+    }
+    batch.insert(batch.end(), crop.data, crop.data + crop.total() * 3);
+  }
+  if (!error->empty() || !m.features.loaded() || batch.empty()) return error->empty();
+  // One run for all faces; every crop has the same side.
+  const int count = static_cast<int>(batch.size() / (kFaceCropSide * kFaceCropSide * 3));
+  const BatchImageInput input{count, Image{kFaceCropSide, kFaceCropSide, batch.data(), 3}};
+  const std::vector<float> rows =
+      TakeVector(PredictBatch(m.features.handle(), input), "face features", error);
+  if (rows.empty() || rows.size() % count != 0) return error->empty();
+  const size_t width = rows.size() / count;
+  int row = 0;
+  for (size_t i = 0; i < crops.size() && error->empty(); ++i) {
+    if (crops[i].empty()) continue;
+    FaceInfo& info = out->info[i];
+    info.embedding.assign(rows.begin() + row * width, rows.begin() + (row + 1) * width);
+    ++row;
+    if (m.first_embedding.empty()) m.first_embedding = info.embedding;
+    info.similarity = Cosine(info.embedding, m.first_embedding);
+    if (m.gender.loaded()) {
+      const std::vector<float> g = TakeVector(
+          GetGender(m.gender.handle(), static_cast<int32_t>(width), info.embedding.data()),
+          "gender", error);
+      if (!g.empty()) info.gender = g[0];
+    }
+  }
+  return error->empty();
+}
+
+// Runs the models on one BGR picture; false with `error` set on failure.
+bool Analyse(Models& m, cv::Mat& bgr, Result* out, std::string* error) {
+  const Model& faces = m.faces;
+  const Model& skeleton = m.skeleton;
+  const float threshold = m.face_threshold;
   if (!bgr.isContinuous()) bgr = bgr.clone();
   const Image image{bgr.cols, bgr.rows, bgr.data, 3};
   ProcessResult* r = DetectBoxes(faces.handle(), BoxDetectionInputData{image, threshold, 0.3f});
@@ -95,18 +245,63 @@ bool Analyse(const Model& faces, const Model& skeleton, cv::Mat& bgr, float thre
   }
   DisposeFloatVector(v);
   DisposeProcessResult(r);
-  return error->empty();
+  if (!error->empty()) return false;
+
+  if (m.objects.loaded()) {
+    r = DetectBoxes(m.objects.handle(), BoxDetectionInputData{image, m.object_threshold, 0.5f});
+    auto* objects = static_cast<BoxDetectionResult*>(r->payload);
+    if (objects == nullptr) *error = "person and vehicle detector: " + MessageOf(r);
+    for (int i = 0; objects != nullptr && i < objects->count; ++i) {
+      NativeBoundingBox b = objects->boxes[i];  // fractions of the picture
+      b.x *= bgr.cols;
+      b.width *= bgr.cols;
+      b.y *= bgr.rows;
+      b.height *= bgr.rows;
+      out->objects.push_back(b);
+    }
+    DisposeBoxDetectionResult(objects);
+    DisposeProcessResult(r);
+    if (!error->empty()) return false;
+  }
+  return DescribeFaces(m, bgr, out, error);
+}
+
+// "F 31 happy": what the face models say, short enough for a label.
+std::string FaceLabel(const NativeBoundingBox& b, const FaceInfo& info) {
+  char text[96];
+  int n = std::snprintf(text, sizeof text, "face %.2f", b.score);
+  if (info.gender >= 0 && n < static_cast<int>(sizeof text)) {
+    n += std::snprintf(text + n, sizeof text - n, " %s", info.gender <= 0.5f ? "F" : "M");
+  }
+  if (info.age >= 0 && n < static_cast<int>(sizeof text)) {
+    n += std::snprintf(text + n, sizeof text - n, " %.0f", info.age);
+  }
+  if (info.emotions.size() == std::size(kEmotions) && n < static_cast<int>(sizeof text)) {
+    n += std::snprintf(text + n, sizeof text - n, " %s", kEmotions[Strongest(info.emotions)]);
+  }
+  if (info.similarity > -2 && n < static_cast<int>(sizeof text)) {
+    std::snprintf(text + n, sizeof text - n, " sim %.2f", info.similarity);
+  }
+  return text;
 }
 
 void Draw(const Result& result, cv::Mat* canvas) {
   const int thick = std::max(1, canvas->cols / 400);
-  for (const NativeBoundingBox& b : result.faces) {
+  for (const NativeBoundingBox& b : result.objects) {
+    const cv::Rect box(cvRound(b.x), cvRound(b.y), cvRound(b.width), cvRound(b.height));
+    cv::rectangle(*canvas, box, cv::Scalar(255, 0, 255), thick);
+    char label[48];
+    std::snprintf(label, sizeof label, "%s %.2f", ObjectLabel(b.classId), b.score);
+    cv::putText(*canvas, label, box.tl() + cv::Point(2, 14 * thick), cv::FONT_HERSHEY_SIMPLEX,
+                0.45 * thick, cv::Scalar(255, 0, 255), thick);
+  }
+  for (size_t i = 0; i < result.faces.size(); ++i) {
+    const NativeBoundingBox& b = result.faces[i];
     const cv::Rect box(cvRound(b.x), cvRound(b.y), cvRound(b.width), cvRound(b.height));
     cv::rectangle(*canvas, box, cv::Scalar(0, 255, 0), 2 * thick);
-    char label[32];
-    std::snprintf(label, sizeof label, "face %.2f", b.score);
-    cv::putText(*canvas, label, box.tl() + cv::Point(0, -4), cv::FONT_HERSHEY_SIMPLEX,
-                0.5 * thick, cv::Scalar(0, 255, 0), thick);
+    const std::string label = i < result.info.size() ? FaceLabel(b, result.info[i]) : "face";
+    cv::putText(*canvas, label, box.tl() + cv::Point(0, -4), cv::FONT_HERSHEY_SIMPLEX, 0.45 * thick,
+                cv::Scalar(0, 255, 0), thick);
   }
   const std::vector<Keypoint>& k = result.keypoints;
   for (const auto& bone : kBones) {
@@ -128,13 +323,65 @@ nlohmann::json ToJson(const std::string& source, int frame, const Result& r) {
   nlohmann::json line = {{"source", source}};
   if (frame >= 0) line["frame"] = frame;
   line["faces"] = nlohmann::json::array();
-  for (const NativeBoundingBox& b : r.faces) {
-    line["faces"].push_back({{"x", b.x}, {"y", b.y}, {"width", b.width}, {"height", b.height},
-                             {"score", b.score}});
+  for (size_t i = 0; i < r.faces.size(); ++i) {
+    const NativeBoundingBox& b = r.faces[i];
+    nlohmann::json face = {
+        {"x", b.x}, {"y", b.y}, {"width", b.width}, {"height", b.height}, {"score", b.score}};
+    const FaceInfo info = i < r.info.size() ? r.info[i] : FaceInfo{};
+    if (info.age >= 0) face["age"] = info.age;
+    if (info.gender >= 0) face["gender_score"] = info.gender;
+    if (info.emotions.size() == std::size(kEmotions)) {
+      for (size_t k = 0; k < info.emotions.size(); ++k)
+        face["emotions"][kEmotions[k]] = info.emotions[k];
+    }
+    if (!info.embedding.empty()) {
+      const size_t head = std::min<size_t>(kEmbeddingHead, info.embedding.size());
+      face["embedding"] = {
+          {"size", info.embedding.size()},
+          {"norm", Norm(info.embedding)},
+          {"head", std::vector<float>(info.embedding.begin(), info.embedding.begin() + head)},
+          {"similarity_to_first_face", info.similarity}};
+    }
+    line["faces"].push_back(face);
+  }
+  line["objects"] = nlohmann::json::array();
+  for (const NativeBoundingBox& b : r.objects) {
+    line["objects"].push_back({{"x", b.x},
+                               {"y", b.y},
+                               {"width", b.width},
+                               {"height", b.height},
+                               {"class", b.classId},
+                               {"label", ObjectLabel(b.classId)},
+                               {"score", b.score}});
   }
   line["keypoints"] = nlohmann::json::array();
   for (const Keypoint& p : r.keypoints) line["keypoints"].push_back({p.x, p.y, p.score});
   return line;
+}
+
+// "age 31, gender 0.20, happy 0.99, similarity 1.00; ..." for the summary.
+std::string Describe(const Result& r) {
+  std::string text;
+  char part[160];
+  for (size_t i = 0; i < r.faces.size() && i < r.info.size(); ++i) {
+    const FaceInfo& f = r.info[i];
+    const std::string emotion =
+        f.emotions.size() == std::size(kEmotions)
+            ? std::string(kEmotions[Strongest(f.emotions)]) + " " +
+                  std::to_string(f.emotions[Strongest(f.emotions)]).substr(0, 4)
+            : "-";
+    std::snprintf(part, sizeof part,
+                  "\n    face %zu: age %.0f, gender score %.2f, %s, embedding norm %.2f, "
+                  "similarity to first face %.3f",
+                  i + 1, f.age, f.gender, emotion.c_str(), Norm(f.embedding), f.similarity);
+    text += part;
+  }
+  for (const NativeBoundingBox& b : r.objects) {
+    std::snprintf(part, sizeof part, "\n    %s %.2f at (%.0f, %.0f) %.0fx%.0f",
+                  ObjectLabel(b.classId), b.score, b.x, b.y, b.width, b.height);
+    text += part;
+  }
+  return text;
 }
 
 int Visible(const Result& r) {
@@ -171,7 +418,8 @@ void Progress(int done, int total) {
 
 int Usage() {
   std::fprintf(stderr,
-               "usage: demo --models DIR --out DIR [--face-threshold F] picture-or-video...\n");
+               "usage: demo --models DIR --out DIR [--face-threshold F] [--object-threshold F] "
+               "picture-or-video...\n");
   return 2;
 }
 
@@ -179,7 +427,7 @@ int Usage() {
 
 int main(int argc, char** argv) {
   std::string models_dir, out_dir;
-  float threshold = 0.6f;
+  float threshold = 0.6f, object_threshold = 0.4f;
   std::vector<std::string> inputs;
   for (int i = 1; i < argc; ++i) {
     const bool has_value = i + 1 < argc;
@@ -189,6 +437,8 @@ int main(int argc, char** argv) {
       out_dir = argv[++i];
     } else if (std::strcmp(argv[i], "--face-threshold") == 0 && has_value) {
       threshold = std::strtof(argv[++i], nullptr);
+    } else if (std::strcmp(argv[i], "--object-threshold") == 0 && has_value) {
+      object_threshold = std::strtof(argv[++i], nullptr);
     } else if (argv[i][0] == '-') {
       return Usage();
     } else {
@@ -197,9 +447,19 @@ int main(int argc, char** argv) {
   }
   if (models_dir.empty() || out_dir.empty() || inputs.empty()) return Usage();
 
-  Model faces(kFaceDetector, models_dir + "/face.pb");
-  Model skeleton(kSkeletonDetector, models_dir + "/skeleton.pb");
-  for (const Model* m : {&faces, &skeleton}) {
+  const std::string& d = models_dir;
+  Models models{Model(kFaceDetector, d + "/face.pb"),
+                Model(kSkeletonDetector, d + "/skeleton.pb"),
+                Model(kPersonVehicleDetector, d + "/person-vehicle.pb", true),
+                Model(kAgeModel, d + "/age.pb", true),
+                Model(kFaceEmbedding, d + "/face-features.pb", true),
+                Model(kGenderModel, d + "/gender.pb", true),
+                Model(kEmotionModel, d + "/emotion.pb", true),
+                threshold,
+                object_threshold,
+                {}};
+  for (const Model* m : {&models.faces, &models.skeleton, &models.objects, &models.age,
+                         &models.features, &models.gender, &models.emotion}) {
     if (!m->error().empty()) {
       std::fprintf(stderr, "demo: %s\n", m->error().c_str());
       return 1;
@@ -219,13 +479,14 @@ int main(int argc, char** argv) {
       Result r;
       if (picture.empty()) {
         error = "cannot read the picture";
-      } else if (Analyse(faces, skeleton, picture, threshold, &r, &error)) {
+      } else if (Analyse(models, picture, &r, &error)) {
         jsonl << ToJson(path, -1, r).dump() << "\n";
         Draw(r, &picture);
         const std::string out = out_dir + "/" + Stem(path) + "_annotated.png";
         cv::imwrite(out, picture);
-        std::printf("%s: %zu face(s), %d of %zu keypoints visible -> %s\n", path.c_str(),
-                    r.faces.size(), Visible(r), r.keypoints.size(), out.c_str());
+        std::printf("%s: %zu face(s), %zu object(s), %d of %zu keypoints visible -> %s%s\n",
+                    path.c_str(), r.faces.size(), r.objects.size(), Visible(r), r.keypoints.size(),
+                    out.c_str(), Describe(r).c_str());
       }
     } else {
       cv::VideoCapture video(path);
@@ -234,12 +495,14 @@ int main(int argc, char** argv) {
       const double fps = video.get(cv::CAP_PROP_FPS);
       const std::string out = out_dir + "/" + Stem(path) + "_annotated.avi";
       cv::VideoWriter writer;
-      int frames = 0, with_face = 0;
+      int frames = 0, with_face = 0, with_person = 0;
+      double age_sum = 0;
+      int aged = 0;
       std::printf("%s: %d frames\n", path.c_str(), total);
       cv::Mat frame;
       while (error.empty() && video.read(frame)) {
         Result r;
-        if (!Analyse(faces, skeleton, frame, threshold, &r, &error)) break;
+        if (!Analyse(models, frame, &r, &error)) break;
         if (!writer.isOpened()) {
           writer.open(out, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), fps > 0 ? fps : 25,
                       frame.size());
@@ -248,11 +511,17 @@ int main(int argc, char** argv) {
         Draw(r, &frame);
         writer.write(frame);
         with_face += !r.faces.empty();
+        with_person += std::any_of(r.objects.begin(), r.objects.end(),
+                                   [](const NativeBoundingBox& b) { return b.classId == 1; });
+        for (const FaceInfo& f : r.info) {
+          if (f.age >= 0) age_sum += f.age, ++aged;
+        }
         Progress(++frames, std::max(total, frames));
       }
       if (error.empty()) {
-        std::printf("%s: %d frames, %d with a face -> %s\n", path.c_str(), frames, with_face,
-                    out.c_str());
+        std::printf("%s: %d frames, %d with a face, %d with a person -> %s\n", path.c_str(), frames,
+                    with_face, with_person, out.c_str());
+        if (aged > 0) std::printf("  mean face age over the video: %.1f\n", age_sum / aged);
       }
     }
     if (!error.empty()) {
