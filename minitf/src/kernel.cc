@@ -99,6 +99,8 @@ Status OpContext::set_output(int i, Tensor tensor) {
   return Status::OK();
 }
 
+int OpContext::num_threads() const { return pool_ == nullptr ? 1 : pool_->num_threads(); }
+
 void OpContext::ParallelFor(int64_t total, int64_t cost_per_unit,
                             const std::function<void(int64_t, int64_t)>& fn) const {
   // About 10k cycles of work per block makes a task worth scheduling.

@@ -99,6 +99,10 @@ class OpContext {
   std::vector<Tensor>& outputs() { return outputs_; }
 
   ThreadPool* pool() const { return pool_; }
+  // Threads the kernel may use: the pool's size, or 1 without a pool.
+  int num_threads() const;
+  // The run's memory budget (null outside a session run).
+  const std::shared_ptr<MemoryBudget>& budget() const { return budget_; }
 
   // Runs fn(begin, end) over [0, total) on the intra-op pool, in chunks of
   // at least enough elements to cover `cost_per_unit` times the overhead of a

@@ -2,10 +2,14 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <thread>
 #include <unordered_set>
 
+#include "plan.h"
+#include "plan_optimizer.h"
 #include "thread_pool.h"
 
 namespace minitf {
@@ -65,6 +69,10 @@ DeviceKind ClassifyDevice(const std::string& device) {
   return local ? DeviceKind::kLocalCpu : DeviceKind::kOther;
 }
 
+// Folded constants stay for the session's life; more than this is not
+// worth keeping.
+constexpr int64_t kMaxFoldedBytes = int64_t{256} << 20;
+
 int DefaultThreads() {
   const unsigned n = std::thread::hardware_concurrency();
   return n == 0 ? 1 : static_cast<int>(n);
@@ -81,33 +89,22 @@ SessionConfig SessionConfig::FromProto(const pb::ConfigProto& proto) {
   c.intra_op_threads = std::max(0, proto.intra_op_parallelism_threads());
   c.inter_op_threads = std::max(0, proto.inter_op_parallelism_threads());
   c.allow_soft_placement = proto.allow_soft_placement();
+  c.optimize = proto.graph_options().optimizer_options().opt_level() != pb::OptimizerOptions::L0;
   return c;
 }
-
-// The steps of one (feeds, fetches, targets) set, in execution order. Every
-// tensor of a run lives in a slot; a slot is released after its last reader.
-class Plan {
- public:
-  struct Step {
-    const Node* node;
-    const OpKernel* kernel;
-    std::vector<int> input_slots;
-    int first_output_slot;
-    std::vector<int> release_after;  // slots whose last reader is this step
-  };
-  std::vector<Step> steps;
-  std::vector<int> feed_slots;   // per feed, in request order
-  std::vector<int> fetch_slots;  // per fetch
-  int num_slots = 0;
-};
 
 Session::Session(const Graph* graph, const SessionConfig& config)
     : graph_(graph),
       config_(config),
       pool_(ThreadPool::Shared(config.intra_op_threads > 0 ? config.intra_op_threads
-                                                           : DefaultThreads())) {}
+                                                           : DefaultThreads())),
+      folded_(std::min(config.max_run_bytes, kMaxFoldedBytes)) {
+  if (OpProfile::Enabled()) profile_ = std::make_unique<OpProfile>();
+}
 
-Session::~Session() = default;
+Session::~Session() {
+  if (profile_) std::fputs(profile_->Report().c_str(), stderr);
+}
 
 void Session::Close() {
   std::lock_guard<std::mutex> lock(mu_);
@@ -248,6 +245,7 @@ Status Session::BuildPlan(const std::vector<Feed>& feeds, const std::vector<Fetc
   for (const Node* n : order) {
     Plan::Step step;
     step.node = n;
+    step.label = n->def.op();
     MINITF_RETURN_IF_ERROR(KernelFor(n, &step.kernel));
     step.first_output_slot = plan->num_slots;
     first_slot[n] = plan->num_slots;
@@ -262,6 +260,10 @@ Status Session::BuildPlan(const std::vector<Feed>& feeds, const std::vector<Fetc
     for (const Edge& e : step.node->inputs) step.input_slots.push_back(slot_of(e.node, e.index));
   }
   for (const Fetch& f : fetches) plan->fetch_slots.push_back(slot_of(f.node, f.index));
+
+  if (config_.optimize) {
+    OptimizePlan(plan.get(), pool_, &folded_);
+  }
 
   // Release points: after the last reading step; unread outputs right after
   // their producer. Fetched slots stay to the end.
@@ -331,6 +333,7 @@ Status Session::Run(const std::vector<Feed>& feeds, const std::vector<Fetch>& fe
   MINITF_RETURN_IF_ERROR(GetPlan(feeds, fetches, targets, &plan));
 
   std::vector<Tensor> slots(plan->num_slots);
+  for (const auto& [slot, value] : plan->constants) slots[slot] = value;
   for (size_t i = 0; i < feeds.size(); ++i) slots[plan->feed_slots[i]] = feeds[i].value;
 
   // Each run has its own budget; fetched tensors keep their bytes charged
@@ -341,7 +344,14 @@ Status Session::Run(const std::vector<Feed>& feeds, const std::vector<Fetch>& fe
     inputs.clear();
     for (int slot : step.input_slots) inputs.push_back(&slots[slot]);
     OpContext ctx(step.node->name(), inputs, step.node->output_types, pool_, budget);
-    MINITF_RETURN_IF_ERROR(step.kernel->Compute(&ctx));
+    if (profile_) {
+      const auto start = std::chrono::steady_clock::now();
+      const Status status = step.kernel->Compute(&ctx);
+      profile_->Add(step.label, std::chrono::steady_clock::now() - start);
+      MINITF_RETURN_IF_ERROR(status);
+    } else {
+      MINITF_RETURN_IF_ERROR(step.kernel->Compute(&ctx));
+    }
     for (int o = 0; o < ctx.num_outputs(); ++o) {
       Tensor& t = ctx.output(o);
       if (!t.valid() || t.dtype() != step.node->output_types[o]) {

@@ -13,6 +13,8 @@
 #include "config.pb.h"
 #include "graph.h"
 #include "kernel.h"
+#include "op_profile.h"
+#include "plan_optimizer.h"
 #include "tensor.h"
 
 namespace minitf {
@@ -23,6 +25,8 @@ struct SessionConfig {
   int intra_op_threads = 0;  // 0: one per core
   int inter_op_threads = 0;
   bool allow_soft_placement = false;
+  // Constant folding and convolution fusion when plans are built.
+  bool optimize = true;
   // Live bytes of the tensors one run may allocate.
   int64_t max_run_bytes = MemoryBudget::DefaultRunLimit();
 
@@ -40,7 +44,7 @@ struct Fetch {
   int index;
 };
 
-class Plan;
+struct Plan;
 
 class Session {
  public:
@@ -68,6 +72,8 @@ class Session {
   bool closed_ = false;
   std::map<std::string, std::shared_ptr<const Plan>> plans_;
   std::unordered_map<const Node*, std::unique_ptr<OpKernel>> kernels_;
+  FoldedConstants folded_;
+  std::unique_ptr<OpProfile> profile_;  // set when MINITF_PROFILE asks for one
 };
 
 // Whether `device` names the local CPU (or nothing); false for any other

@@ -144,10 +144,11 @@ TEST(HugeOutputTest, ConstWithAHugeShapeAndOneValue) {
 
 class RunBudgetTest : public ::testing::Test {
  protected:
-  // x: [n] float fed; a = Fill(dims, 1) of `fill_count` floats, b = a + a.
+  // a = Fill(dims, one) of `fill_count` floats, b = a + a. `one` is fed, so
+  // that the run computes a and b rather than a folded constant.
   void Import(int64_t fill_count) {
     g_.Const<int64_t>("dims", {1}, {fill_count});
-    g_.Const<float>("one", {}, {1.0f});
+    g_.Placeholder("one", TF_FLOAT);
     g_.Node("Fill", "a").Input("dims").Input("one").Attr("T", TF_FLOAT)
         .Attr("index_type", TF_INT64);
     g_.Node("AddV2", "b").Input("a").Input("a").Attr("T", TF_FLOAT);
@@ -159,7 +160,13 @@ class RunBudgetTest : public ::testing::Test {
     config.intra_op_threads = 1;
     config.max_run_bytes = limit;
     minitf::Session session(&graph_, config);
-    return session.Run({}, {{graph_.Find(fetch), 0}}, {}, out);
+    return session.Run(FeedOne(), {{graph_.Find(fetch), 0}}, {}, out);
+  }
+  std::vector<minitf::Feed> FeedOne() {
+    minitf::Tensor one;
+    EXPECT_TRUE(minitf::Tensor::Allocate(TF_FLOAT, minitf::Shape{}, &one).ok());
+    *one.data<float>() = 1.0f;
+    return {{graph_.Find("one"), 0, one}};
   }
 
   GraphBuilder g_;
@@ -203,7 +210,7 @@ TEST_F(RunBudgetTest, EveryRunStartsWithAFullBudget) {
   // the second run would fail.
   for (int i = 0; i < 3; ++i) {
     std::vector<minitf::Tensor> out;
-    minitf::Status s = session.Run({}, {{graph_.Find("b"), 0}}, {}, &out);
+    minitf::Status s = session.Run(FeedOne(), {{graph_.Find("b"), 0}}, {}, &out);
     ASSERT_TRUE(s.ok()) << "run " << i << ": " << s.message();
   }
 }

@@ -3,6 +3,8 @@
 // against the reference loops on seeded random data.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -406,12 +408,73 @@ TEST(DnnlDifferentialTest, ConvolutionsMatchReference) {
     F ref(g.batch * g.out_h * g.out_w * g.out_c), fast(ref.size(), -7.0f);
     minitf::reference::Conv2D<float>(g, in.data(), filter.data(), ref.data(), nullptr);
     minitf::DnnlConv2D conv;
-    ASSERT_TRUE(conv.Run(g, in.data(), filter.data(), fast.data()));
+    ASSERT_TRUE(conv.Run(g, in.data(), filter.data(), fast.data(), 1));
     ExpectClose(fast, ref);
-    // The cached primitive gives the same again.
+    // The cached primitive gives the same again, on two threads too.
     std::fill(fast.begin(), fast.end(), -7.0f);
-    ASSERT_TRUE(conv.Run(g, in.data(), filter.data(), fast.data()));
+    ASSERT_TRUE(conv.Run(g, in.data(), filter.data(), fast.data(), 2));
     ExpectClose(fast, ref);
+  }
+}
+
+// The fused primitive against the reference convolution followed by the
+// same bias, activations and residual, computed here element by element.
+TEST(DnnlDifferentialTest, FusedChainMatchesReferenceSteps) {
+  if (!minitf::DnnlAvailable()) GTEST_SKIP() << "built without oneDNN";
+  using minitf::ConvPostOp;
+  using minitf::Padding;
+  auto apply = [](const ConvPostOp& op, float v, float residual) {
+    switch (op.kind) {
+      case ConvPostOp::kRelu: return std::max(v, 0.0f);
+      case ConvPostOp::kRelu6: return std::min(std::max(v, 0.0f), 6.0f);
+      case ConvPostOp::kLeakyRelu: return v < 0 ? v * op.alpha : v;
+      case ConvPostOp::kElu: return v < 0 ? std::expm1(v) : v;
+      case ConvPostOp::kSigmoid: return 1.0f / (1.0f + std::exp(-v));
+      case ConvPostOp::kTanh: return std::tanh(v);
+      case ConvPostOp::kAddResidual: return v + residual;
+    }
+    return v;
+  };
+  const std::vector<std::vector<ConvPostOp>> chains = {
+      {},
+      {{ConvPostOp::kRelu6}},
+      {{ConvPostOp::kAddResidual}, {ConvPostOp::kRelu}},
+      {{ConvPostOp::kLeakyRelu, 0.1f}, {ConvPostOp::kAddResidual}},
+      {{ConvPostOp::kElu}},
+      {{ConvPostOp::kSigmoid}},
+      {{ConvPostOp::kTanh}},
+  };
+  const WindowCase cases[] = {
+      {1, 9, 8, 6, 3, 3, 10, 1, Attrs(Padding::kSame, 1)},
+      {2, 9, 9, 5, 3, 3, 10, 5, Attrs(Padding::kSame, 2)},  // depthwise, multiplier 2
+  };
+  std::mt19937 rng(4321);
+  for (const WindowCase& c : cases) {
+    const minitf::WindowGeometry g = Geometry(c);
+    const F in = RandomVector(rng, g.batch * g.in_h * g.in_w * g.in_c);
+    const F filter = RandomVector(rng, g.k_h * g.k_w * (g.in_c / g.groups) * g.out_c);
+    const F bias = RandomVector(rng, g.out_c);
+    const int64_t out_size = g.batch * g.out_h * g.out_w * g.out_c;
+    const F residual = RandomVector(rng, out_size);
+    F conv(out_size);
+    minitf::reference::Conv2D<float>(g, in.data(), filter.data(), conv.data(), nullptr);
+    for (size_t k = 0; k < chains.size(); ++k) {
+      for (bool with_bias : {true, false}) {
+        F ref(out_size);
+        for (int64_t i = 0; i < out_size; ++i) {
+          float v = conv[i] + (with_bias ? bias[i % g.out_c] : 0.0f);
+          for (const ConvPostOp& op : chains[k]) v = apply(op, v, residual[i]);
+          ref[i] = v;
+        }
+        minitf::DnnlConvChain chain(filter.data(), with_bias ? bias.data() : nullptr, chains[k]);
+        for (int threads : {1, 2}) {
+          F fast = residual;  // the residual is summed in place
+          ASSERT_TRUE(chain.Run(g, in.data(), fast.data(), threads)) << "chain " << k;
+          SCOPED_TRACE("chain " + std::to_string(k) + (with_bias ? " with bias" : ""));
+          ExpectClose(fast, ref);
+        }
+      }
+    }
   }
 }
 
@@ -436,7 +499,7 @@ TEST(DnnlDifferentialTest, PoolingMatchesReference) {
         minitf::reference::AvgPool<float>(g, in.data(), ref.data(), nullptr);
       }
       minitf::DnnlPool pool(max);
-      ASSERT_TRUE(pool.Run(g, in.data(), fast.data())) << max;
+      ASSERT_TRUE(pool.Run(g, in.data(), fast.data(), 1)) << max;
       ExpectClose(fast, ref);
     }
   }
@@ -451,7 +514,7 @@ TEST(DnnlDifferentialTest, GemmMatchesReference) {
     for (bool tb : {false, true}) {
       F ref(m * n), fast(m * n, -7.0f);
       minitf::reference::Gemm<float>(ta, tb, m, n, k, a.data(), b.data(), ref.data(), nullptr);
-      ASSERT_TRUE(minitf::DnnlGemm(ta, tb, m, n, k, a.data(), b.data(), fast.data()));
+      ASSERT_TRUE(minitf::DnnlGemm(ta, tb, m, n, k, a.data(), b.data(), fast.data(), 2));
       ExpectClose(fast, ref);
     }
   }

@@ -125,6 +125,46 @@ Status ComputeWindow(const OpContext& ctx, const WindowAttrs& attrs, WindowGeome
                 &g->pad_left, &g->pad_right, &g->out_w);
 }
 
+Status ConvGeometry(const OpContext& ctx, const WindowAttrs& attrs, bool depthwise,
+                    const Tensor& input, const Tensor& filter, WindowGeometry* g) {
+  MINITF_ENSURE(&ctx, input.rank() == 4, "input must be 4-D: ", input.shape().ToString());
+  MINITF_ENSURE(&ctx, filter.rank() == 4, "filter must be 4-D: ", filter.shape().ToString());
+  g->batch = input.dim(0);
+  g->in_h = input.dim(1);
+  g->in_w = input.dim(2);
+  g->in_c = input.dim(3);
+  g->k_h = filter.dim(0);
+  g->k_w = filter.dim(1);
+  const int64_t filter_in = filter.dim(2);
+  if (depthwise) {
+    MINITF_ENSURE(&ctx, g->k_h > 0 && g->k_w > 0, "filter window must not be empty: ",
+                  filter.shape().ToString());
+    if (filter_in != g->in_c) {
+      return ctx.Error("input and filter must have the same depth: ", g->in_c, " vs ",
+                       filter_in);
+    }
+    g->groups = g->in_c;
+    g->out_c = g->in_c * filter.dim(3);
+  } else {
+    MINITF_ENSURE(&ctx, filter.num_elements() > 0, "filter must not have zero elements: ",
+                  filter.shape().ToString());
+    g->out_c = filter.dim(3);
+    if (g->in_c % filter_in != 0) {
+      return ctx.Error("input depth must be evenly divisible by filter depth: ", g->in_c,
+                       " vs ", filter_in);
+    }
+    // TensorFlow's CPU kernel has no grouped convolution; a graph that
+    // needs one must not silently run here and fail on the real runtime.
+    if (g->in_c != filter_in) {
+      return Status(TF_UNIMPLEMENTED,
+                    StrCat("grouped convolution (input depth ", g->in_c, ", filter depth ",
+                           filter_in, ") is not supported on the CPU (node ", ctx.node_name(),
+                           ")"));
+    }
+  }
+  return ComputeWindow(ctx, attrs, g);
+}
+
 void RunParallel(const OpContext* ctx, int64_t total, int64_t cost_per_unit,
                  const std::function<void(int64_t, int64_t)>& fn) {
   if (ctx != nullptr) {

@@ -43,6 +43,12 @@ struct WindowAttrs {
 // the odd padding cell at the bottom / right.
 Status ComputeWindow(const OpContext& ctx, const WindowAttrs& attrs, WindowGeometry* g);
 
+// The geometry of a Conv2D (or, with `depthwise`, a DepthwiseConv2dNative)
+// call: checks the input and filter shapes against each other and fills `g`
+// with ComputeWindow.
+Status ConvGeometry(const OpContext& ctx, const WindowAttrs& attrs, bool depthwise,
+                    const Tensor& input, const Tensor& filter, WindowGeometry* g);
+
 // Runs fn over [0, total) on ctx's pool, or inline when ctx is null (tests
 // call the reference loops directly).
 void RunParallel(const OpContext* ctx, int64_t total, int64_t cost_per_unit,

@@ -9,6 +9,10 @@
 
 #include <oneapi/dnnl/dnnl.hpp>
 
+#ifdef MINITF_HAVE_OPENMP
+#include <omp.h>
+#endif
+
 namespace minitf {
 namespace {
 
@@ -20,6 +24,27 @@ dnnl::engine& CpuEngine() {
   static dnnl::engine* engine = new dnnl::engine(dnnl::engine::kind::cpu, 0);
   return *engine;
 }
+
+// Holds oneDNN to the caller's thread count for one call. oneDNN reads
+// OpenMP's per-thread setting, so this touches only the calling thread and
+// restores what the host had.
+class ScopedThreads {
+ public:
+  explicit ScopedThreads(int threads) {
+#ifdef MINITF_HAVE_OPENMP
+    previous_ = omp_get_max_threads();
+    if (threads > 0 && threads != previous_) omp_set_num_threads(threads);
+#endif
+  }
+  ~ScopedThreads() {
+#ifdef MINITF_HAVE_OPENMP
+    if (omp_get_max_threads() != previous_) omp_set_num_threads(previous_);
+#endif
+  }
+
+ private:
+  int previous_ = 0;
+};
 
 std::vector<int64_t> GeometryKey(const WindowGeometry& g) {
   return {g.batch,    g.in_h,     g.in_w,    g.in_c,    g.k_h,        g.k_w,
@@ -107,7 +132,7 @@ DnnlConv2D::DnnlConv2D() : cache_(new Cache) {}
 DnnlConv2D::~DnnlConv2D() = default;
 
 bool DnnlConv2D::Run(const WindowGeometry& g, const float* in, const float* filter,
-                     float* out) const {
+                     float* out, int threads) const {
   if (AnyEmpty(g)) return false;
   auto entry = cache_->Get(GeometryKey(g), [&] {
     auto e = std::make_shared<ConvEntry>();
@@ -139,6 +164,7 @@ bool DnnlConv2D::Run(const WindowGeometry& g, const float* in, const float* filt
   });
   if (!entry) return false;
   try {
+    ScopedThreads scoped_threads(threads);
     dnnl::engine& eng = CpuEngine();
     dnnl::stream stream(eng);
     // oneDNN takes non-const handles but only reads sources.
@@ -165,10 +191,118 @@ bool DnnlConv2D::Run(const WindowGeometry& g, const float* in, const float* filt
   return true;
 }
 
+struct ConvChainEntry {
+  dnnl::convolution_forward conv;
+  memory::desc scratchpad;
+  memory weights;  // the constant filter in the primitive's layout
+  memory::desc bias;
+};
+
+struct DnnlConvChain::Cache : PrimitiveCache<ConvChainEntry> {};
+
+DnnlConvChain::DnnlConvChain(const float* filter, const float* bias,
+                             std::vector<ConvPostOp> post_ops)
+    : filter_(filter), bias_(bias), post_ops_(std::move(post_ops)), cache_(new Cache) {}
+DnnlConvChain::~DnnlConvChain() = default;
+
+namespace {
+
+dnnl::post_ops MakePostOps(const std::vector<ConvPostOp>& ops) {
+  dnnl::post_ops post;
+  for (const ConvPostOp& op : ops) {
+    switch (op.kind) {
+      case ConvPostOp::kRelu:
+        post.append_eltwise(1.0f, dnnl::algorithm::eltwise_relu, 0.0f, 0.0f);
+        break;
+      case ConvPostOp::kRelu6:
+        post.append_eltwise(1.0f, dnnl::algorithm::eltwise_clip, 0.0f, 6.0f);
+        break;
+      case ConvPostOp::kLeakyRelu:
+        post.append_eltwise(1.0f, dnnl::algorithm::eltwise_relu, op.alpha, 0.0f);
+        break;
+      case ConvPostOp::kElu:
+        post.append_eltwise(1.0f, dnnl::algorithm::eltwise_elu, 1.0f, 0.0f);
+        break;
+      case ConvPostOp::kSigmoid:
+        post.append_eltwise(1.0f, dnnl::algorithm::eltwise_logistic, 0.0f, 0.0f);
+        break;
+      case ConvPostOp::kTanh:
+        post.append_eltwise(1.0f, dnnl::algorithm::eltwise_tanh, 0.0f, 0.0f);
+        break;
+      case ConvPostOp::kAddResidual:
+        post.append_sum(1.0f);
+        break;
+    }
+  }
+  return post;
+}
+
+}  // namespace
+
+bool DnnlConvChain::Run(const WindowGeometry& g, const float* in, float* out,
+                        int threads) const {
+  if (AnyEmpty(g)) return false;
+  ScopedThreads scoped_threads(threads);
+  auto entry = cache_->Get(GeometryKey(g), [&] {
+    auto e = std::make_shared<ConvChainEntry>();
+    const int64_t cin_g = g.in_c / g.groups, cout_g = g.out_c / g.groups;
+    memory::desc user_weights =
+        g.groups == 1
+            ? memory::desc({g.out_c, g.in_c, g.k_h, g.k_w}, kF32, Tag::hwio)
+            : memory::desc({g.groups, cout_g, cin_g, g.k_h, g.k_w}, kF32, Tag::hwigo);
+    const memory::desc any_weights(user_weights.dims(), kF32, Tag::any);
+    if (bias_ != nullptr) e->bias = memory::desc({g.out_c}, kF32, Tag::x);
+    dnnl::convolution_forward::desc desc(
+        dnnl::prop_kind::forward_inference, dnnl::algorithm::convolution_direct,
+        ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), any_weights, e->bias,
+        ActivationDesc(g.batch, g.out_h, g.out_w, g.out_c), {g.stride_h, g.stride_w},
+        {g.dil_h - 1, g.dil_w - 1}, {g.pad_top, g.pad_left}, {g.pad_bottom, g.pad_right});
+    dnnl::primitive_attr attr = UserScratchpad();
+    attr.set_post_ops(MakePostOps(post_ops_));
+    dnnl::convolution_forward::primitive_desc pd(desc, attr, CpuEngine());
+    e->conv = dnnl::convolution_forward(pd);
+    e->scratchpad = pd.scratchpad_desc();
+    dnnl::engine& eng = CpuEngine();
+    memory user(user_weights, eng, const_cast<float*>(filter_));
+    if (pd.weights_desc() == user_weights) {
+      e->weights = user;
+    } else {
+      // The filter is constant: lay it out once for every later call.
+      e->weights = memory(pd.weights_desc(), eng);
+      dnnl::reorder::primitive_desc rpd(eng, user_weights, eng, pd.weights_desc(),
+                                        UserScratchpad());
+      std::unordered_map<int, memory> args = {{DNNL_ARG_FROM, user}, {DNNL_ARG_TO, e->weights}};
+      AddScratchpad(rpd.scratchpad_desc(), &args);
+      dnnl::stream stream(eng);
+      dnnl::reorder(rpd).execute(stream, args);
+      stream.wait();
+    }
+    return std::shared_ptr<const ConvChainEntry>(e);
+  });
+  if (!entry) return false;
+  try {
+    dnnl::engine& eng = CpuEngine();
+    dnnl::stream stream(eng);
+    memory src(ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), eng, const_cast<float*>(in));
+    memory dst(ActivationDesc(g.batch, g.out_h, g.out_w, g.out_c), eng, out);
+    std::unordered_map<int, memory> args = {
+        {DNNL_ARG_SRC, src}, {DNNL_ARG_WEIGHTS, entry->weights}, {DNNL_ARG_DST, dst}};
+    if (bias_ != nullptr) {
+      args[DNNL_ARG_BIAS] = memory(entry->bias, eng, const_cast<float*>(bias_));
+    }
+    AddScratchpad(entry->scratchpad, &args);
+    entry->conv.execute(stream, args);
+    stream.wait();
+  } catch (const dnnl::error&) {
+    return false;
+  }
+  return true;
+}
+
 DnnlPool::DnnlPool(bool max) : max_(max), cache_(new Cache) {}
 DnnlPool::~DnnlPool() = default;
 
-bool DnnlPool::Run(const WindowGeometry& g, const float* in, float* out) const {
+bool DnnlPool::Run(const WindowGeometry& g, const float* in, float* out, int threads) const {
   if (AnyEmpty(g)) return false;
   // A window lying wholly in explicit padding has no cells; the reference
   // defines that case.
@@ -192,6 +326,7 @@ bool DnnlPool::Run(const WindowGeometry& g, const float* in, float* out) const {
   });
   if (!entry) return false;
   try {
+    ScopedThreads scoped_threads(threads);
     dnnl::engine& eng = CpuEngine();
     dnnl::stream stream(eng);
     memory src(ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), eng, const_cast<float*>(in));
@@ -208,8 +343,9 @@ bool DnnlPool::Run(const WindowGeometry& g, const float* in, float* out) const {
 }
 
 bool DnnlGemm(bool transpose_a, bool transpose_b, int64_t m, int64_t n, int64_t k,
-              const float* a, const float* b, float* c) {
+              const float* a, const float* b, float* c, int threads) {
   if (m == 0 || n == 0 || k == 0) return false;
+  ScopedThreads scoped_threads(threads);
   const int64_t lda = transpose_a ? m : k;
   const int64_t ldb = transpose_b ? k : n;
   return dnnl_sgemm(transpose_a ? 'T' : 'N', transpose_b ? 'T' : 'N', m, n, k, 1.0f, a, lda, b,
@@ -220,6 +356,8 @@ bool DnnlGemm(bool transpose_a, bool transpose_b, int64_t m, int64_t n, int64_t 
 
 #else  // !MINITF_HAVE_DNNL
 
+#include <utility>
+
 namespace minitf {
 
 bool DnnlAvailable() { return false; }
@@ -228,13 +366,19 @@ struct DnnlConv2D::Cache {};
 struct DnnlPool::Cache {};
 DnnlConv2D::DnnlConv2D() = default;
 DnnlConv2D::~DnnlConv2D() = default;
-bool DnnlConv2D::Run(const WindowGeometry&, const float*, const float*, float*) const {
+bool DnnlConv2D::Run(const WindowGeometry&, const float*, const float*, float*, int) const {
   return false;
 }
+struct DnnlConvChain::Cache {};
+DnnlConvChain::DnnlConvChain(const float* filter, const float* bias,
+                             std::vector<ConvPostOp> post_ops)
+    : filter_(filter), bias_(bias), post_ops_(std::move(post_ops)) {}
+DnnlConvChain::~DnnlConvChain() = default;
+bool DnnlConvChain::Run(const WindowGeometry&, const float*, float*, int) const { return false; }
 DnnlPool::DnnlPool(bool max) : max_(max) {}
 DnnlPool::~DnnlPool() = default;
-bool DnnlPool::Run(const WindowGeometry&, const float*, float*) const { return false; }
-bool DnnlGemm(bool, bool, int64_t, int64_t, int64_t, const float*, const float*, float*) {
+bool DnnlPool::Run(const WindowGeometry&, const float*, float*, int) const { return false; }
+bool DnnlGemm(bool, bool, int64_t, int64_t, int64_t, const float*, const float*, float*, int) {
   return false;
 }
 

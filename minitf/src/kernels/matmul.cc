@@ -14,7 +14,7 @@ template <typename T>
 void Gemm(bool ta, bool tb, int64_t m, int64_t n, int64_t k, const T* a, const T* b, T* c,
           const OpContext* ctx) {
   if constexpr (std::is_same_v<T, float>) {
-    if (DnnlGemm(ta, tb, m, n, k, a, b, c)) return;
+    if (DnnlGemm(ta, tb, m, n, k, a, b, c, ctx == nullptr ? 1 : ctx->num_threads())) return;
   }
   reference::Gemm(ta, tb, m, n, k, a, b, c, ctx);
 }
@@ -182,11 +182,22 @@ class BiasAddKernel : public OpKernel {
       const T* in = value.data<T>();
       const T* b = bias.data<T>();
       T* o = out->data<T>();
-      // One unit is one channel's run of `inner` elements.
-      ctx->ParallelFor(outer * channels, inner, [&](int64_t begin, int64_t end) {
+      // One unit is one outer row: every channel once, each over `inner`
+      // elements. NHWC rows (inner == 1) are a plain vector add.
+      const int64_t row = channels * inner;
+      ctx->ParallelFor(outer, row, [&](int64_t begin, int64_t end) {
         for (int64_t u = begin; u < end; ++u) {
-          const T bv = b[u % channels];
-          for (int64_t i = u * inner; i < (u + 1) * inner; ++i) o[i] = reference::Add(in[i], bv);
+          const T* src = in + u * row;
+          T* dst = o + u * row;
+          if (inner == 1) {
+            for (int64_t c = 0; c < channels; ++c) dst[c] = reference::Add(src[c], b[c]);
+            continue;
+          }
+          for (int64_t c = 0; c < channels; ++c) {
+            for (int64_t i = c * inner; i < (c + 1) * inner; ++i) {
+              dst[i] = reference::Add(src[i], b[c]);
+            }
+          }
         }
       });
       return Status::OK();

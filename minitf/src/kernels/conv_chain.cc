@@ -1,0 +1,80 @@
+#include "kernels/conv_chain.h"
+
+#include <cstring>
+
+namespace minitf {
+
+ConvChainKernel::ConvChainKernel(ConvChainSpec spec)
+    : spec_(std::move(spec)),
+      fast_(spec_.filter.data<float>(), spec_.bias.valid() ? spec_.bias.data<float>() : nullptr,
+            spec_.post_ops) {}
+
+bool ConvChainKernel::has_residual() const {
+  for (const ConvPostOp& op : spec_.post_ops) {
+    if (op.kind == ConvPostOp::kAddResidual) return true;
+  }
+  return false;
+}
+
+Status ConvChainKernel::Compute(OpContext* ctx) const {
+  const Tensor& input = ctx->input(0);
+  WindowGeometry g;
+  if (input.dtype() != TF_FLOAT ||
+      !ConvGeometry(*ctx, spec_.attrs, spec_.depthwise, input, spec_.filter, &g).ok() ||
+      g.groups == 0) {
+    return RunUnfused(ctx);
+  }
+  Shape out_shape;
+  MINITF_RETURN_IF_ERROR(Shape::Make({g.batch, g.out_h, g.out_w, g.out_c}, &out_shape));
+  if (out_shape.num_elements() == 0) return RunUnfused(ctx);
+  if (has_residual()) {
+    const Tensor& residual = ctx->input(1);
+    if (residual.dtype() != TF_FLOAT || residual.shape() != out_shape) return RunUnfused(ctx);
+  }
+  Tensor* out = nullptr;
+  MINITF_RETURN_IF_ERROR(ctx->allocate_output(0, out_shape, &out));
+  // The residual is added in place: the primitive sums into what the
+  // output holds.
+  if (has_residual()) std::memcpy(out->raw_data(), ctx->input(1).raw_data(), out->byte_size());
+  if (fast_.Run(g, input.data<float>(), out->data<float>(), ctx->num_threads())) {
+    return Status::OK();
+  }
+  return RunUnfused(ctx);
+}
+
+Status ConvChainKernel::RunUnfused(OpContext* ctx) const {
+  Tensor value;
+  auto run = [&](const Node* node, const OpKernel* kernel,
+                 std::vector<const Tensor*> inputs) -> Status {
+    OpContext step(node->name(), std::move(inputs), node->output_types, ctx->pool(),
+                   ctx->budget());
+    MINITF_RETURN_IF_ERROR(kernel->Compute(&step));
+    if (!step.output(0).valid()) {
+      return Internal("node '", node->name(), "' did not produce output 0");
+    }
+    value = std::move(step.output(0));
+    return Status::OK();
+  };
+  MINITF_RETURN_IF_ERROR(run(spec_.conv, spec_.conv_kernel, {&ctx->input(0), &spec_.filter}));
+  for (const ChainLink& link : spec_.links) {
+    const Tensor so_far = value;
+    std::vector<const Tensor*> inputs;
+    for (const ChainOperand& operand : link.operands) {
+      switch (operand.kind) {
+        case ChainOperand::kChain:
+          inputs.push_back(&so_far);
+          break;
+        case ChainOperand::kConstant:
+          inputs.push_back(&operand.constant);
+          break;
+        case ChainOperand::kResidual:
+          inputs.push_back(&ctx->input(1));
+          break;
+      }
+    }
+    MINITF_RETURN_IF_ERROR(run(link.node, link.kernel, std::move(inputs)));
+  }
+  return ctx->set_output(0, std::move(value));
+}
+
+}  // namespace minitf

@@ -1,0 +1,60 @@
+// A convolution with a constant filter and what directly follows it in the
+// graph (bias, activations, one residual addition), computed as one step.
+// The plan optimiser makes these; graphs never name them. When the fused
+// path cannot take a call (no oneDNN, a geometry it refuses, a residual that
+// broadcasts), the chain's own kernels run one after another, so results and
+// errors are those of the unfused graph.
+#ifndef MINITF_KERNELS_CONV_CHAIN_H_
+#define MINITF_KERNELS_CONV_CHAIN_H_
+
+#include <vector>
+
+#include "graph.h"
+#include "kernel.h"
+#include "kernels/conv_util.h"
+#include "kernels/dnnl_ops.h"
+
+namespace minitf {
+
+// Where one input of a chained node comes from.
+struct ChainOperand {
+  enum Kind { kChain, kConstant, kResidual };
+  Kind kind = kChain;
+  Tensor constant;  // kConstant only
+};
+
+// A node after the convolution, with its session kernel for the unfused path.
+struct ChainLink {
+  const Node* node = nullptr;
+  const OpKernel* kernel = nullptr;
+  std::vector<ChainOperand> operands;
+};
+
+struct ConvChainSpec {
+  const Node* conv = nullptr;  // Conv2D or DepthwiseConv2dNative, float, NHWC
+  const OpKernel* conv_kernel = nullptr;
+  bool depthwise = false;
+  WindowAttrs attrs;
+  Tensor filter;
+  Tensor bias;  // invalid when the chain has no bias
+  std::vector<ConvPostOp> post_ops;
+  std::vector<ChainLink> links;  // the nodes after the convolution, in order
+};
+
+// Inputs: 0 the convolution's input, 1 the residual when the chain adds one.
+class ConvChainKernel : public OpKernel {
+ public:
+  explicit ConvChainKernel(ConvChainSpec spec);
+  Status Compute(OpContext* ctx) const override;
+
+ private:
+  Status RunUnfused(OpContext* ctx) const;
+  bool has_residual() const;
+
+  ConvChainSpec spec_;
+  DnnlConvChain fast_;
+};
+
+}  // namespace minitf
+
+#endif  // MINITF_KERNELS_CONV_CHAIN_H_

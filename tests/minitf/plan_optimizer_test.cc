@@ -1,0 +1,248 @@
+// Graph rewrites made when a plan is built (constant folding, fused
+// convolution chains) must not change what a run returns: every case runs
+// the same graph in a session with the rewrites and in one with opt_level
+// L0, whose unfused kernels are checked against TensorFlow elsewhere, and
+// compares results and errors.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <string>
+#include <thread>
+
+#include "config.pb.h"
+#include "support/graph_builder.h"
+#include "support/tf_session.h"
+
+namespace {
+
+using testing_support::Dims;
+using testing_support::GraphBuilder;
+using testing_support::MakeTensor;
+using testing_support::TensorPtr;
+using testing_support::TestSession;
+using testing_support::Values;
+using F = std::vector<float>;
+using L = std::vector<int64_t>;
+
+std::string UnoptimizedConfig() {
+  minitf::pb::ConfigProto config;
+  config.mutable_graph_options()->mutable_optimizer_options()->set_opt_level(
+      minitf::pb::OptimizerOptions::L0);
+  return config.SerializeAsString();
+}
+
+F Random(std::mt19937& rng, size_t n) {
+  std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
+  F v(n);
+  for (float& x : v) x = dist(rng);
+  return v;
+}
+
+size_t Count(const Dims& dims) {
+  size_t n = 1;
+  for (int64_t d : dims) n *= static_cast<size_t>(d);
+  return n;
+}
+
+// Runs `fetches` with `feeds` in both sessions; expects the same status and,
+// on success, the same values up to float rounding.
+void ExpectSameAsUnfused(const GraphBuilder& g,
+                         const std::vector<std::pair<std::string, TF_Tensor*>>& feeds,
+                         const std::vector<std::string>& fetches) {
+  TestSession optimized(g.Serialize());
+  TestSession plain(g.Serialize(), UnoptimizedConfig());
+  ASSERT_EQ(optimized.code(), TF_OK) << optimized.message();
+  ASSERT_EQ(plain.code(), TF_OK) << plain.message();
+  std::vector<TensorPtr> got, want;
+  const TF_Code want_code = plain.Run(feeds, fetches, &want);
+  const TF_Code got_code = optimized.Run(feeds, fetches, &got);
+  ASSERT_EQ(got_code, want_code) << optimized.last_error() << " vs " << plain.last_error();
+  if (want_code != TF_OK) {
+    EXPECT_EQ(optimized.last_error(), plain.last_error());
+    return;
+  }
+  ASSERT_EQ(got.size(), want.size());
+  for (size_t i = 0; i < want.size(); ++i) {
+    const F a = Values<float>(got[i].get()), b = Values<float>(want[i].get());
+    ASSERT_EQ(a.size(), b.size()) << fetches[i];
+    for (size_t k = 0; k < b.size(); ++k) {
+      ASSERT_NEAR(a[k], b[k], 1e-5f * std::max(1.0f, std::fabs(b[k])))
+          << fetches[i] << " at " << k;
+    }
+  }
+}
+
+// x [1,7,6,4] -> conv -> BiasAdd -> ... ; returns the name of the conv.
+std::string ConvWithBias(GraphBuilder& g, std::mt19937& rng, const std::string& x,
+                         bool depthwise, const std::string& prefix) {
+  const Dims w_dims = depthwise ? Dims{3, 3, 4, 1} : Dims{3, 3, 4, 4};
+  g.Const<float>(prefix + "w", w_dims, Random(rng, Count(w_dims)));
+  g.Const<float>(prefix + "b", {4}, Random(rng, 4));
+  g.Node(depthwise ? "DepthwiseConv2dNative" : "Conv2D", prefix + "conv")
+      .Input(x).Input(prefix + "w").Attr("T", TF_FLOAT).Attr("strides", L{1, 1, 1, 1})
+      .Attr("padding", "SAME");
+  g.Node("BiasAdd", prefix + "bias").Input(prefix + "conv").Input(prefix + "b")
+      .Attr("T", TF_FLOAT);
+  return prefix + "conv";
+}
+
+class ConvChainTest : public ::testing::TestWithParam<std::string> {};
+
+// conv + bias + act, conv + bias + residual + act and conv + bias + act +
+// residual, for plain and depthwise convolutions.
+TEST_P(ConvChainTest, MatchesUnfusedRun) {
+  const std::string act = GetParam();
+  std::mt19937 rng(11);
+  for (bool depthwise : {false, true}) {
+    for (int form = 0; form < 3; ++form) {
+      GraphBuilder g;
+      g.Placeholder("x", TF_FLOAT);
+      ConvWithBias(g, rng, "x", depthwise, "");
+      auto activation = [&](const std::string& in) {
+        auto node = g.Node(act, "act").Input(in).Attr("T", TF_FLOAT);
+        if (act == "LeakyRelu") node.Attr("alpha", 0.15f);
+        return std::string("act");
+      };
+      if (form == 0) {
+        activation("bias");
+      } else if (form == 1) {
+        g.Binary("AddV2", "add", "x", "bias");
+        activation("add");
+      } else {
+        activation("bias");
+        g.Binary("AddV2", "add", "act", "x");
+      }
+      const std::string fetch = form == 2 ? "add" : "act";
+      auto x = MakeTensor<float>({1, 7, 6, 4}, Random(rng, 168));
+      SCOPED_TRACE(act + (depthwise ? " depthwise" : " conv") + " form " +
+                   std::to_string(form));
+      ExpectSameAsUnfused(g, {{"x", x.get()}}, {fetch});
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Activations, ConvChainTest,
+                         ::testing::Values("Relu", "Relu6", "Elu", "Sigmoid", "Tanh",
+                                           "LeakyRelu"));
+
+TEST(ConvChainEdgeTest, FetchedOrSharedIntermediatesStayCorrect) {
+  std::mt19937 rng(5);
+  GraphBuilder g;
+  g.Placeholder("x", TF_FLOAT);
+  ConvWithBias(g, rng, "x", false, "");
+  g.Unary("Relu6", "act", "bias");
+  // A second reader of the biased value: the chain must stop there.
+  g.Unary("Sigmoid", "side", "bias");
+  g.Binary("Mul", "out", "act", "side");
+  auto x = MakeTensor<float>({2, 7, 6, 4}, Random(rng, 336));
+  // The fetched conv output and bias are intermediates of would-be chains.
+  ExpectSameAsUnfused(g, {{"x", x.get()}}, {"out", "conv", "bias"});
+  ExpectSameAsUnfused(g, {{"x", x.get()}}, {"out"});
+}
+
+TEST(ConvChainEdgeTest, BroadcastResidualAndOddInputsFallBackToTheOpsOwnKernels) {
+  std::mt19937 rng(6);
+  GraphBuilder g;
+  g.Placeholder("x", TF_FLOAT);
+  g.Placeholder("r", TF_FLOAT);
+  ConvWithBias(g, rng, "x", false, "");
+  g.Binary("AddV2", "add", "bias", "r");
+  g.Unary("Relu", "act", "add");
+  auto x = MakeTensor<float>({1, 7, 6, 4}, Random(rng, 168));
+  // A residual that broadcasts: [4] and [1,1,6,1] against [1,7,6,4].
+  auto channel_row = MakeTensor<float>({4}, Random(rng, 4));
+  auto column = MakeTensor<float>({1, 1, 6, 1}, Random(rng, 6));
+  ExpectSameAsUnfused(g, {{"x", x.get()}, {"r", channel_row.get()}}, {"act"});
+  ExpectSameAsUnfused(g, {{"x", x.get()}, {"r", column.get()}}, {"act"});
+  // Errors come from the unfused node that would have raised them.
+  auto wrong_depth = MakeTensor<float>({1, 7, 6, 3}, Random(rng, 126));
+  ExpectSameAsUnfused(g, {{"x", wrong_depth.get()}, {"r", channel_row.get()}}, {"act"});
+  auto mismatched = MakeTensor<float>({1, 2, 6, 4}, Random(rng, 48));
+  ExpectSameAsUnfused(g, {{"x", x.get()}, {"r", mismatched.get()}}, {"act"});
+  // An empty batch.
+  auto empty = MakeTensor<float>({0, 7, 6, 4}, {});
+  auto empty_r = MakeTensor<float>({0, 7, 6, 4}, {});
+  ExpectSameAsUnfused(g, {{"x", empty.get()}, {"r", empty_r.get()}}, {"act"});
+}
+
+TEST(ConvChainEdgeTest, ManyThreadsShareOneFusedPlan) {
+  std::mt19937 rng(8);
+  GraphBuilder g;
+  g.Placeholder("x", TF_FLOAT);
+  ConvWithBias(g, rng, "x", false, "a/");
+  g.Unary("Relu", "a/act", "a/bias");
+  ConvWithBias(g, rng, "a/act", true, "b/");
+  g.Binary("AddV2", "out", "b/bias", "a/act");
+  TestSession session(g.Serialize());
+  TestSession plain(g.Serialize(), UnoptimizedConfig());
+  ASSERT_EQ(session.code(), TF_OK) << session.message();
+  // Two image sizes, so that primitives for both are made concurrently.
+  std::vector<TensorPtr> inputs, expected;
+  for (int64_t h : {5, 9}) {
+    inputs.push_back(MakeTensor<float>({1, h, 6, 4}, Random(rng, h * 24)));
+    std::vector<TensorPtr> out;
+    ASSERT_EQ(plain.Run({{"x", inputs.back().get()}}, {"out"}, &out), TF_OK);
+    expected.push_back(std::move(out[0]));
+  }
+  std::vector<int> mismatches(4, 0);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 25; ++i) {
+        const size_t k = (i + t) % 2;
+        std::vector<TensorPtr> out;
+        if (session.Run({{"x", inputs[k].get()}}, {"out"}, &out) != TF_OK) {
+          ++mismatches[t];
+          continue;
+        }
+        const F got = Values<float>(out[0].get()), want = Values<float>(expected[k].get());
+        for (size_t e = 0; e < want.size(); ++e) {
+          if (std::fabs(got[e] - want[e]) > 1e-5f * std::max(1.0f, std::fabs(want[e]))) {
+            ++mismatches[t];
+            break;
+          }
+        }
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(mismatches, std::vector<int>(4, 0));
+}
+
+TEST(ConstantFoldingTest, ComputedWeightsAndFailuresBehaveAsUnfolded) {
+  std::mt19937 rng(9);
+  GraphBuilder g;
+  g.Placeholder("x", TF_FLOAT);
+  // Weights computed from constants, as converters leave them: scale * w.
+  g.Const<float>("w_raw", {3, 3, 4, 4}, Random(rng, 144));
+  g.Const<float>("scale", {}, {0.5f});
+  g.Binary("Mul", "w", "w_raw", "scale");
+  g.Node("Conv2D", "conv").Input("x").Input("w").Attr("T", TF_FLOAT)
+      .Attr("strides", L{1, 1, 1, 1}).Attr("padding", "VALID");
+  // A constant subgraph that fails: a reshape of 144 values to [5, 5].
+  g.Const<int32_t>("bad_shape", {2}, {5, 5});
+  g.Node("Reshape", "bad").Input("w_raw").Input("bad_shape").Attr("T", TF_FLOAT)
+      .Attr("Tshape", TF_INT32);
+  auto x = MakeTensor<float>({1, 5, 5, 4}, Random(rng, 100));
+  ExpectSameAsUnfused(g, {{"x", x.get()}}, {"conv"});
+  ExpectSameAsUnfused(g, {{"x", x.get()}}, {"conv", "w"});
+  ExpectSameAsUnfused(g, {}, {"bad"});
+  // Feeding a node that would otherwise fold uses the fed value.
+  auto w_fed = MakeTensor<float>({3, 3, 4, 4}, F(144, 1.0f));
+  ExpectSameAsUnfused(g, {{"x", x.get()}, {"w", w_fed.get()}}, {"conv"});
+  TestSession session(g.Serialize());
+  std::vector<TensorPtr> out;
+  ASSERT_EQ(session.Run({{"x", x.get()}, {"w", w_fed.get()}}, {"conv"}, &out), TF_OK);
+  // With all-ones weights, output cell (0,0) of every channel sums the top
+  // left 3x3 window over the 4 channels.
+  const F xs = Values<float>(x.get());
+  float window = 0;
+  for (int y = 0; y < 3; ++y)
+    for (int xx = 0; xx < 3; ++xx)
+      for (int c = 0; c < 4; ++c) window += xs[(y * 5 + xx) * 4 + c];
+  EXPECT_NEAR(Values<float>(out[0].get())[0], window, 1e-4f);
+}
+
+}  // namespace
