@@ -89,6 +89,30 @@ Status OpContext::allocate_output(int i, const Shape& shape, Tensor** out) {
   return Status::OK();
 }
 
+Status OpContext::forward_input_or_allocate_output(std::initializer_list<int> inputs, int output,
+                                                   const Shape& shape, Tensor** out) {
+  if (output < 0 || output >= num_outputs()) {
+    return Internal("output index ", output, " out of range");
+  }
+  for (int i : inputs) {
+    if (forwardable_ == nullptr || i < 0 || i >= num_inputs() ||
+        i >= static_cast<int>(forwardable_->size()) || !(*forwardable_)[i]) {
+      continue;
+    }
+    const Tensor& in = *inputs_[i];
+    // The slot's own reference is the only one: no other tensor of the run,
+    // no caller and no constant shares the memory.
+    if (!in.valid() || !in.buffer()->owned() || in.buffer().use_count() != 1 ||
+        in.dtype() != output_types_[output] || in.shape() != shape) {
+      continue;
+    }
+    outputs_[output] = in;
+    *out = &outputs_[output];
+    return Status::OK();
+  }
+  return allocate_output(output, shape, out);
+}
+
 Status OpContext::set_output(int i, Tensor tensor) {
   if (i < 0 || i >= num_outputs()) return Internal("output index ", i, " out of range");
   if (tensor.dtype() != output_types_[i]) {

@@ -7,6 +7,7 @@
 #define MINITF_KERNEL_H_
 
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -92,6 +93,17 @@ class OpContext {
   // Allocates output `i` with its declared dtype and `shape`;
   // RESOURCE_EXHAUSTED naming the node when the run's memory is spent.
   Status allocate_output(int i, const Shape& shape, Tensor** out);
+  // Like allocate_output, but reuses the buffer of the first of `inputs`
+  // that the run no longer needs: this step is its last reader, nothing else
+  // holds its buffer, and dtype and shape match the output. Only kernels
+  // whose output may alias that input call it.
+  Status forward_input_or_allocate_output(std::initializer_list<int> inputs, int output,
+                                          const Shape& shape, Tensor** out);
+  // Which inputs the executor lets go after this step (one flag per input).
+  void set_forwardable_inputs(const std::vector<bool>* forwardable) {
+    forwardable_ = forwardable;
+  }
+
   // Sets output `i` to an existing tensor (e.g. an input, reshaped) without
   // copying. Its dtype must be the declared one.
   Status set_output(int i, Tensor tensor);
@@ -123,6 +135,7 @@ class OpContext {
   std::vector<Tensor> outputs_;
   ThreadPool* pool_;
   std::shared_ptr<MemoryBudget> budget_;
+  const std::vector<bool>* forwardable_ = nullptr;
 };
 
 class OpKernel {

@@ -24,6 +24,9 @@ struct Plan {
     std::vector<int> input_slots;
     int first_output_slot = 0;
     std::vector<int> release_after;  // slots whose last reader is this step
+    // Per input: released after this step and read once by it, so that its
+    // buffer may become an output.
+    std::vector<bool> forwardable_inputs;
     // The op type, or the fused chain ("Conv2D+BiasAdd+Relu6"), for profiles.
     std::string label;
   };

@@ -278,6 +278,15 @@ Status Session::BuildPlan(const std::vector<Feed>& feeds, const std::vector<Fetc
   for (int slot = 0; slot < plan->num_slots; ++slot) {
     if (!fetched[slot] && last_reader[slot] >= 0) plan->steps[last_reader[slot]].release_after.push_back(slot);
   }
+  for (Plan::Step& step : plan->steps) {
+    for (int slot : step.input_slots) {
+      const bool released = std::find(step.release_after.begin(), step.release_after.end(),
+                                      slot) != step.release_after.end();
+      const bool read_once =
+          std::count(step.input_slots.begin(), step.input_slots.end(), slot) == 1;
+      step.forwardable_inputs.push_back(released && read_once);
+    }
+  }
   *out = std::move(plan);
   return Status::OK();
 }
@@ -344,6 +353,7 @@ Status Session::Run(const std::vector<Feed>& feeds, const std::vector<Fetch>& fe
     inputs.clear();
     for (int slot : step.input_slots) inputs.push_back(&slots[slot]);
     OpContext ctx(step.node->name(), inputs, step.node->output_types, pool_, budget);
+    ctx.set_forwardable_inputs(&step.forwardable_inputs);
     if (profile_) {
       const auto start = std::chrono::steady_clock::now();
       const Status status = step.kernel->Compute(&ctx);

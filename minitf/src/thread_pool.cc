@@ -4,18 +4,12 @@
 #include <atomic>
 #include <map>
 
-#ifdef MINITF_HAVE_OPENMP
-#include <omp.h>
-#endif
-
 namespace minitf {
 
 ThreadPool::ThreadPool(int num_threads) : num_threads_(std::max(1, num_threads)) {
-#ifndef MINITF_HAVE_OPENMP
   for (int i = 1; i < num_threads_; ++i) {
     workers_.emplace_back([this] { WorkerLoop(); });
   }
-#endif
 }
 
 ThreadPool::~ThreadPool() {
@@ -63,22 +57,6 @@ void ThreadPool::ParallelFor(int64_t total, int64_t min_block,
     fn(0, total);
     return;
   }
-#ifdef MINITF_HAVE_OPENMP
-  // oneDNN runs on OpenMP; the elementwise kernels take the same team of
-  // threads instead of a second set that would compete with it for cores.
-#pragma omp parallel num_threads(static_cast<int>(blocks))
-  {
-    const int64_t team = omp_get_num_threads(), me = omp_get_thread_num();
-    const int64_t begin = total * me / team, end = total * (me + 1) / team;
-    if (begin < end) fn(begin, end);
-  }
-#else
-  RunOnWorkers(total, blocks, fn);
-#endif
-}
-
-void ThreadPool::RunOnWorkers(int64_t total, int64_t blocks,
-                              const std::function<void(int64_t, int64_t)>& fn) {
   const int64_t step = (total + blocks - 1) / blocks;
   struct Join {
     std::mutex mu;

@@ -1,7 +1,5 @@
-// Intra-op parallelism for the kernels. Where oneDNN runs on OpenMP, work is
-// spread over the calling thread's OpenMP team, the threads oneDNN's
-// primitives use too; otherwise over a fixed pool of worker threads. Pools
-// are shared process-wide by size, so many sessions do not multiply threads.
+// A fixed pool of worker threads for intra-op parallelism. Pools are shared
+// process-wide by size, so many sessions do not multiply threads.
 #ifndef MINITF_THREAD_POOL_H_
 #define MINITF_THREAD_POOL_H_
 
@@ -38,8 +36,6 @@ class ThreadPool {
 
  private:
   void WorkerLoop();
-  void RunOnWorkers(int64_t total, int64_t blocks,
-                    const std::function<void(int64_t, int64_t)>& fn);
 
   const int num_threads_;
   std::mutex mu_;

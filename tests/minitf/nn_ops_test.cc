@@ -12,6 +12,7 @@
 #include "kernels/conv_util.h"
 #include "kernels/dnnl_ops.h"
 #include "kernels/reference_ops.h"
+#include "thread_pool.h"
 #include "one_op.h"
 
 namespace {
@@ -408,11 +409,11 @@ TEST(DnnlDifferentialTest, ConvolutionsMatchReference) {
     F ref(g.batch * g.out_h * g.out_w * g.out_c), fast(ref.size(), -7.0f);
     minitf::reference::Conv2D<float>(g, in.data(), filter.data(), ref.data(), nullptr);
     minitf::DnnlConv2D conv;
-    ASSERT_TRUE(conv.Run(g, in.data(), filter.data(), fast.data(), 1));
+    ASSERT_TRUE(conv.Run(g, in.data(), filter.data(), fast.data()));
     ExpectClose(fast, ref);
-    // The cached primitive gives the same again, on two threads too.
+    // The cached primitive gives the same again.
     std::fill(fast.begin(), fast.end(), -7.0f);
-    ASSERT_TRUE(conv.Run(g, in.data(), filter.data(), fast.data(), 2));
+    ASSERT_TRUE(conv.Run(g, in.data(), filter.data(), fast.data()));
     ExpectClose(fast, ref);
   }
 }
@@ -444,9 +445,16 @@ TEST(DnnlDifferentialTest, FusedChainMatchesReferenceSteps) {
       {{ConvPostOp::kSigmoid}},
       {{ConvPostOp::kTanh}},
   };
+  // Small calls run whole; large ones are cut into bands of output rows
+  // (batch 1, padding falling to the first and last band) or into images.
   const WindowCase cases[] = {
       {1, 9, 8, 6, 3, 3, 10, 1, Attrs(Padding::kSame, 1)},
       {2, 9, 9, 5, 3, 3, 10, 5, Attrs(Padding::kSame, 2)},  // depthwise, multiplier 2
+      {1, 40, 20, 8, 3, 3, 16, 1, Attrs(Padding::kSame, 1)},
+      {1, 50, 30, 8, 3, 3, 16, 1, Attrs(Padding::kExplicit, 2, 1, 1, {2, 1, 0, 3})},
+      {1, 45, 20, 8, 5, 3, 16, 1, Attrs(Padding::kValid, 1, 2)},
+      {3, 20, 20, 8, 3, 3, 16, 1, Attrs(Padding::kSame, 1)},
+      {1, 40, 40, 64, 3, 3, 64, 64, Attrs(Padding::kSame, 1)},  // depthwise
   };
   std::mt19937 rng(4321);
   for (const WindowCase& c : cases) {
@@ -467,9 +475,10 @@ TEST(DnnlDifferentialTest, FusedChainMatchesReferenceSteps) {
           ref[i] = v;
         }
         minitf::DnnlConvChain chain(filter.data(), with_bias ? bias.data() : nullptr, chains[k]);
-        for (int threads : {1, 2}) {
+        for (int threads : {1, 2, 3}) {
+          minitf::ThreadPool pool(threads);
           F fast = residual;  // the residual is summed in place
-          ASSERT_TRUE(chain.Run(g, in.data(), fast.data(), threads)) << "chain " << k;
+          ASSERT_TRUE(chain.Run(g, in.data(), fast.data(), &pool)) << "chain " << k;
           SCOPED_TRACE("chain " + std::to_string(k) + (with_bias ? " with bias" : ""));
           ExpectClose(fast, ref);
         }
@@ -499,7 +508,7 @@ TEST(DnnlDifferentialTest, PoolingMatchesReference) {
         minitf::reference::AvgPool<float>(g, in.data(), ref.data(), nullptr);
       }
       minitf::DnnlPool pool(max);
-      ASSERT_TRUE(pool.Run(g, in.data(), fast.data(), 1)) << max;
+      ASSERT_TRUE(pool.Run(g, in.data(), fast.data())) << max;
       ExpectClose(fast, ref);
     }
   }
@@ -514,7 +523,7 @@ TEST(DnnlDifferentialTest, GemmMatchesReference) {
     for (bool tb : {false, true}) {
       F ref(m * n), fast(m * n, -7.0f);
       minitf::reference::Gemm<float>(ta, tb, m, n, k, a.data(), b.data(), ref.data(), nullptr);
-      ASSERT_TRUE(minitf::DnnlGemm(ta, tb, m, n, k, a.data(), b.data(), fast.data(), 2));
+      ASSERT_TRUE(minitf::DnnlGemm(ta, tb, m, n, k, a.data(), b.data(), fast.data()));
       ExpectClose(fast, ref);
     }
   }

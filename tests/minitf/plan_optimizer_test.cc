@@ -246,3 +246,41 @@ TEST(ConstantFoldingTest, ComputedWeightsAndFailuresBehaveAsUnfolded) {
 }
 
 }  // namespace
+
+namespace {
+
+// Elementwise kernels may write into an input's memory when the run is done
+// with it. Memory that anything else can still see must never be written:
+// fed tensors, fetched tensors, constants, and buffers shared through
+// Reshape or Identity.
+TEST(BufferReuseTest, OnlyMemoryNobodyElseSeesIsReused) {
+  GraphBuilder g;
+  g.Placeholder("x", TF_FLOAT);
+  g.Const<float>("c", {4}, {1, 2, 3, 4});
+  g.Unary("Neg", "fed_neg", "x");            // last reader of a fed tensor
+  g.Binary("AddV2", "a", "x", "c");          // a = x + c
+  g.Node("Identity", "a_alias").Input("a").Attr("T", TF_FLOAT);
+  g.Unary("Neg", "b", "a_alias");            // shares a's buffer, a read later
+  g.Binary("Mul", "d", "a", "b");            // d = a * -a
+  g.Unary("Square", "e", "c");               // last reader of a constant
+  g.Unary("Neg", "f", "d");                  // d fetched too
+  const F x = {0.5f, -1, 2, 0};
+  auto feed = MakeTensor<float>({4}, x);
+  TestSession session(g.Serialize());
+  ASSERT_EQ(session.code(), TF_OK) << session.message();
+  for (int run = 0; run < 3; ++run) {
+    std::vector<TensorPtr> out;
+    ASSERT_EQ(session.Run({{"x", feed.get()}}, {"fed_neg", "a", "b", "d", "e", "f"}, &out),
+              TF_OK)
+        << session.last_error();
+    EXPECT_EQ(Values<float>(feed.get()), x) << "the fed tensor was written";
+    EXPECT_EQ(Values<float>(out[0].get()), (F{-0.5f, 1, -2, 0}));
+    EXPECT_EQ(Values<float>(out[1].get()), (F{1.5f, 1, 5, 4}));
+    EXPECT_EQ(Values<float>(out[2].get()), (F{-1.5f, -1, -5, -4}));
+    EXPECT_EQ(Values<float>(out[3].get()), (F{-2.25f, -1, -25, -16}));
+    EXPECT_EQ(Values<float>(out[4].get()), (F{1, 4, 9, 16})) << "run " << run;
+    EXPECT_EQ(Values<float>(out[5].get()), (F{2.25f, 1, 25, 16}));
+  }
+}
+
+}  // namespace

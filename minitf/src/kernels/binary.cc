@@ -217,7 +217,9 @@ Status ApplyBinary(OpContext* ctx, const Broadcast& bc, Fn fn = Fn()) {
   const Tensor& y = ctx->input(1);
   using Z = decltype(fn(S(), S()));
   Tensor* z = nullptr;
-  MINITF_RETURN_IF_ERROR(ctx->allocate_output(0, bc.output_shape(), &z));
+  // Every element is read at the index it is written to, so an input of the
+  // output's shape may give its memory.
+  MINITF_RETURN_IF_ERROR(ctx->forward_input_or_allocate_output({0, 1}, 0, bc.output_shape(), &z));
   if (z->num_elements() == 0) return Status::OK();
   MINITF_RETURN_IF_ERROR((CheckRightOperand<Op, T>(*ctx, y)));
   BroadcastApply(*ctx, bc, x.data<S>(), y.data<S>(), z->data<Z>(), fn, Op::kCost);

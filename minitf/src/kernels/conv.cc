@@ -32,8 +32,7 @@ class ConvKernelBase : public OpKernel {
     return DispatchType<float, double, int32_t>(type_, [&](auto tag) {
       using T = typename decltype(tag)::type;
       if constexpr (std::is_same_v<T, float>) {
-        if (fast_.Run(g, input.data<float>(), filter.data<float>(), out->data<float>(),
-                      ctx->num_threads())) {
+        if (fast_.Run(g, input.data<float>(), filter.data<float>(), out->data<float>())) {
           return Status::OK();
         }
       }

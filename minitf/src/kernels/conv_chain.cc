@@ -31,15 +31,23 @@ Status ConvChainKernel::Compute(OpContext* ctx) const {
     const Tensor& residual = ctx->input(1);
     if (residual.dtype() != TF_FLOAT || residual.shape() != out_shape) return RunUnfused(ctx);
   }
+  if (!fast_.Prepare(g)) return RunUnfused(ctx);
   Tensor* out = nullptr;
-  MINITF_RETURN_IF_ERROR(ctx->allocate_output(0, out_shape, &out));
-  // The residual is added in place: the primitive sums into what the
-  // output holds.
-  if (has_residual()) std::memcpy(out->raw_data(), ctx->input(1).raw_data(), out->byte_size());
-  if (fast_.Run(g, input.data<float>(), out->data<float>(), ctx->num_threads())) {
-    return Status::OK();
+  if (has_residual()) {
+    // The primitive sums into what the output holds: the residual itself
+    // when the run is done with it, else a copy.
+    MINITF_RETURN_IF_ERROR(ctx->forward_input_or_allocate_output({1}, 0, out_shape, &out));
+    if (out->raw_data() != ctx->input(1).raw_data()) {
+      std::memcpy(out->raw_data(), ctx->input(1).raw_data(), out->byte_size());
+    }
+  } else {
+    MINITF_RETURN_IF_ERROR(ctx->allocate_output(0, out_shape, &out));
   }
-  return RunUnfused(ctx);
+  if (!fast_.Run(g, input.data<float>(), out->data<float>(), ctx->pool())) {
+    // The output may hold the residual's memory by now: no second attempt.
+    return Internal("the fused convolution failed to execute (node ", ctx->node_name(), ")");
+  }
+  return Status::OK();
 }
 
 Status ConvChainKernel::RunUnfused(OpContext* ctx) const {

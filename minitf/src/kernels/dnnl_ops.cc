@@ -2,6 +2,8 @@
 
 #ifdef MINITF_HAVE_DNNL
 
+#include <algorithm>
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <unordered_map>
@@ -25,25 +27,27 @@ dnnl::engine& CpuEngine() {
   return *engine;
 }
 
-// Holds oneDNN to the caller's thread count for one call. oneDNN reads
-// OpenMP's per-thread setting, so this touches only the calling thread and
-// restores what the host had.
-class ScopedThreads {
+// Holds oneDNN to one OpenMP thread (no team, nothing spinning) while it
+// makes or runs a primitive. oneDNN reads OpenMP's per-thread setting, so
+// this touches only the calling thread and restores what the host had.
+class OneOmpThread {
  public:
-  explicit ScopedThreads(int threads) {
+  OneOmpThread() {
 #ifdef MINITF_HAVE_OPENMP
     previous_ = omp_get_max_threads();
-    if (threads > 0 && threads != previous_) omp_set_num_threads(threads);
+    if (previous_ != 1) omp_set_num_threads(1);
 #endif
   }
-  ~ScopedThreads() {
+  ~OneOmpThread() {
 #ifdef MINITF_HAVE_OPENMP
-    if (omp_get_max_threads() != previous_) omp_set_num_threads(previous_);
+    if (previous_ != 1) omp_set_num_threads(previous_);
 #endif
   }
+  OneOmpThread(const OneOmpThread&) = delete;
+  OneOmpThread& operator=(const OneOmpThread&) = delete;
 
  private:
-  int previous_ = 0;
+  int previous_ = 1;
 };
 
 std::vector<int64_t> GeometryKey(const WindowGeometry& g) {
@@ -132,7 +136,7 @@ DnnlConv2D::DnnlConv2D() : cache_(new Cache) {}
 DnnlConv2D::~DnnlConv2D() = default;
 
 bool DnnlConv2D::Run(const WindowGeometry& g, const float* in, const float* filter,
-                     float* out, int threads) const {
+                     float* out) const {
   if (AnyEmpty(g)) return false;
   auto entry = cache_->Get(GeometryKey(g), [&] {
     auto e = std::make_shared<ConvEntry>();
@@ -164,7 +168,7 @@ bool DnnlConv2D::Run(const WindowGeometry& g, const float* in, const float* filt
   });
   if (!entry) return false;
   try {
-    ScopedThreads scoped_threads(threads);
+    OneOmpThread one_thread;
     dnnl::engine& eng = CpuEngine();
     dnnl::stream stream(eng);
     // oneDNN takes non-const handles but only reads sources.
@@ -191,14 +195,19 @@ bool DnnlConv2D::Run(const WindowGeometry& g, const float* in, const float* filt
   return true;
 }
 
-struct ConvChainEntry {
+struct DnnlConvChain::Primitive {
   dnnl::convolution_forward conv;
   memory::desc scratchpad;
   memory weights;  // the constant filter in the primitive's layout
   memory::desc bias;
 };
 
-struct DnnlConvChain::Cache : PrimitiveCache<ConvChainEntry> {};
+struct DnnlConvChain::Cache : PrimitiveCache<DnnlConvChain::Primitive> {
+  // The filter in each layout a primitive asked for, shared by the
+  // primitives of every geometry (and band) that want the same one. Only
+  // touched while an entry is made, under the cache's lock.
+  std::vector<std::pair<memory::desc, memory>> laid_out_weights;
+};
 
 DnnlConvChain::DnnlConvChain(const float* filter, const float* bias,
                              std::vector<ConvPostOp> post_ops)
@@ -239,12 +248,11 @@ dnnl::post_ops MakePostOps(const std::vector<ConvPostOp>& ops) {
 
 }  // namespace
 
-bool DnnlConvChain::Run(const WindowGeometry& g, const float* in, float* out,
-                        int threads) const {
-  if (AnyEmpty(g)) return false;
-  ScopedThreads scoped_threads(threads);
-  auto entry = cache_->Get(GeometryKey(g), [&] {
-    auto e = std::make_shared<ConvChainEntry>();
+std::shared_ptr<const DnnlConvChain::Primitive> DnnlConvChain::Find(const WindowGeometry& g) const {
+  if (AnyEmpty(g)) return nullptr;
+  OneOmpThread one_thread;
+  return cache_->Get(GeometryKey(g), [&] {
+    auto e = std::make_shared<Primitive>();
     const int64_t cin_g = g.in_c / g.groups, cout_g = g.out_c / g.groups;
     memory::desc user_weights =
         g.groups == 1
@@ -266,43 +274,133 @@ bool DnnlConvChain::Run(const WindowGeometry& g, const float* in, float* out,
     memory user(user_weights, eng, const_cast<float*>(filter_));
     if (pd.weights_desc() == user_weights) {
       e->weights = user;
-    } else {
-      // The filter is constant: lay it out once for every later call.
-      e->weights = memory(pd.weights_desc(), eng);
-      dnnl::reorder::primitive_desc rpd(eng, user_weights, eng, pd.weights_desc(),
-                                        UserScratchpad());
-      std::unordered_map<int, memory> args = {{DNNL_ARG_FROM, user}, {DNNL_ARG_TO, e->weights}};
-      AddScratchpad(rpd.scratchpad_desc(), &args);
-      dnnl::stream stream(eng);
-      dnnl::reorder(rpd).execute(stream, args);
-      stream.wait();
+      return std::shared_ptr<const Primitive>(e);
     }
-    return std::shared_ptr<const ConvChainEntry>(e);
-  });
-  if (!entry) return false;
-  try {
-    dnnl::engine& eng = CpuEngine();
+    for (const auto& [desc, laid_out] : cache_->laid_out_weights) {
+      if (desc == pd.weights_desc()) {
+        e->weights = laid_out;
+        return std::shared_ptr<const Primitive>(e);
+      }
+    }
+    // The filter is constant: lay it out once for every later call.
+    e->weights = memory(pd.weights_desc(), eng);
+    dnnl::reorder::primitive_desc rpd(eng, user_weights, eng, pd.weights_desc(),
+                                      UserScratchpad());
+    std::unordered_map<int, memory> args = {{DNNL_ARG_FROM, user}, {DNNL_ARG_TO, e->weights}};
+    AddScratchpad(rpd.scratchpad_desc(), &args);
     dnnl::stream stream(eng);
-    memory src(ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), eng, const_cast<float*>(in));
-    memory dst(ActivationDesc(g.batch, g.out_h, g.out_w, g.out_c), eng, out);
-    std::unordered_map<int, memory> args = {
-        {DNNL_ARG_SRC, src}, {DNNL_ARG_WEIGHTS, entry->weights}, {DNNL_ARG_DST, dst}};
-    if (bias_ != nullptr) {
-      args[DNNL_ARG_BIAS] = memory(entry->bias, eng, const_cast<float*>(bias_));
-    }
-    AddScratchpad(entry->scratchpad, &args);
-    entry->conv.execute(stream, args);
+    dnnl::reorder(rpd).execute(stream, args);
     stream.wait();
-  } catch (const dnnl::error&) {
-    return false;
+    cache_->laid_out_weights.emplace_back(pd.weights_desc(), e->weights);
+    return std::shared_ptr<const Primitive>(e);
+  });
+}
+
+bool DnnlConvChain::Prepare(const WindowGeometry& g) const { return Find(g) != nullptr; }
+
+namespace {
+
+// One piece of a convolution run as its own oneDNN call: a few images of
+// the batch, or a band of output rows of a single image with the input rows
+// (and padding) that band reads.
+struct ConvPiece {
+  WindowGeometry g;
+  int64_t in_offset = 0;   // elements into the input
+  int64_t out_offset = 0;  // elements into the output
+};
+
+// Enough multiply-adds per piece to pay for waking a thread.
+constexpr double kMinPieceMacs = 2e5;
+
+std::vector<ConvPiece> SplitConvolution(const WindowGeometry& g, int parts) {
+  const double macs = static_cast<double>(g.batch) * g.out_h * g.out_w * g.out_c * g.k_h *
+                      g.k_w * (g.in_c / g.groups);
+  parts = static_cast<int>(std::min<double>(parts, macs / kMinPieceMacs));
+  const int64_t in_image = g.in_h * g.in_w * g.in_c, out_image = g.out_h * g.out_w * g.out_c;
+  std::vector<ConvPiece> pieces;
+  if (parts <= 1) {
+    pieces.push_back({g, 0, 0});
+  } else if (g.batch > 1) {
+    parts = static_cast<int>(std::min<int64_t>(parts, g.batch));
+    for (int p = 0; p < parts; ++p) {
+      const int64_t b0 = g.batch * p / parts, b1 = g.batch * (p + 1) / parts;
+      ConvPiece piece{g, b0 * in_image, b0 * out_image};
+      piece.g.batch = b1 - b0;
+      pieces.push_back(piece);
+    }
+  } else {
+    parts = static_cast<int>(std::min<int64_t>(parts, g.out_h));
+    const int64_t window = (g.k_h - 1) * g.dil_h + 1;
+    for (int p = 0; p < parts; ++p) {
+      const int64_t r0 = g.out_h * p / parts, r1 = g.out_h * (p + 1) / parts;
+      // Input rows the band reads, padding included, then clipped to the
+      // image: what falls outside becomes the band's own padding.
+      const int64_t first = r0 * g.stride_h - g.pad_top;
+      const int64_t last = (r1 - 1) * g.stride_h - g.pad_top + window;  // one past
+      ConvPiece piece{g, std::max<int64_t>(0, first) * g.in_w * g.in_c, r0 * g.out_w * g.out_c};
+      piece.g.in_h = std::min(last, g.in_h) - std::max<int64_t>(0, first);
+      piece.g.pad_top = std::max<int64_t>(0, -first);
+      piece.g.pad_bottom = std::max<int64_t>(0, last - g.in_h);
+      piece.g.out_h = r1 - r0;
+      pieces.push_back(piece);
+    }
   }
-  return true;
+  return pieces;
+}
+
+}  // namespace
+
+bool DnnlConvChain::Run(const WindowGeometry& g, const float* in, float* out,
+                        ThreadPool* pool) const {
+  // oneDNN stays on the calling thread; the pieces spread over the pool,
+  // whose idle threads sleep instead of spinning on a busy machine.
+  const std::vector<ConvPiece> pieces =
+      SplitConvolution(g, pool == nullptr ? 1 : pool->num_threads());
+  // Every piece's primitive first, so that a refusal leaves `out` untouched.
+  std::vector<std::shared_ptr<const Primitive>> primitives;
+  for (const ConvPiece& piece : pieces) {
+    primitives.push_back(Find(piece.g));
+    if (!primitives.back()) return false;
+  }
+  std::atomic<bool> ok{true};
+  auto run_pieces = [&](int64_t begin, int64_t end) {
+    OneOmpThread one_thread;
+    for (int64_t p = begin; p < end; ++p) {
+      const ConvPiece& piece = pieces[p];
+      const Primitive& primitive = *primitives[p];
+      try {
+        dnnl::engine& eng = CpuEngine();
+        dnnl::stream stream(eng);
+        memory src(ActivationDesc(piece.g.batch, piece.g.in_h, piece.g.in_w, piece.g.in_c), eng,
+                   const_cast<float*>(in + piece.in_offset));
+        memory dst(ActivationDesc(piece.g.batch, piece.g.out_h, piece.g.out_w, piece.g.out_c),
+                   eng, out + piece.out_offset);
+        std::unordered_map<int, memory> args = {
+            {DNNL_ARG_SRC, src}, {DNNL_ARG_WEIGHTS, primitive.weights}, {DNNL_ARG_DST, dst}};
+        if (bias_ != nullptr) {
+          args[DNNL_ARG_BIAS] = memory(primitive.bias, eng, const_cast<float*>(bias_));
+        }
+        AddScratchpad(primitive.scratchpad, &args);
+        primitive.conv.execute(stream, args);
+        stream.wait();
+      } catch (const dnnl::error&) {
+        ok = false;
+      }
+    }
+  };
+  const int64_t count = static_cast<int64_t>(pieces.size());
+  if (count == 1 || pool == nullptr) {
+    run_pieces(0, count);
+  } else {
+    pool->ParallelFor(count, 1, run_pieces);
+  }
+  return ok;
 }
 
 DnnlPool::DnnlPool(bool max) : max_(max), cache_(new Cache) {}
 DnnlPool::~DnnlPool() = default;
 
-bool DnnlPool::Run(const WindowGeometry& g, const float* in, float* out, int threads) const {
+bool DnnlPool::Run(const WindowGeometry& g, const float* in, float* out) const {
   if (AnyEmpty(g)) return false;
   // A window lying wholly in explicit padding has no cells; the reference
   // defines that case.
@@ -326,7 +424,7 @@ bool DnnlPool::Run(const WindowGeometry& g, const float* in, float* out, int thr
   });
   if (!entry) return false;
   try {
-    ScopedThreads scoped_threads(threads);
+    OneOmpThread one_thread;
     dnnl::engine& eng = CpuEngine();
     dnnl::stream stream(eng);
     memory src(ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), eng, const_cast<float*>(in));
@@ -343,9 +441,9 @@ bool DnnlPool::Run(const WindowGeometry& g, const float* in, float* out, int thr
 }
 
 bool DnnlGemm(bool transpose_a, bool transpose_b, int64_t m, int64_t n, int64_t k,
-              const float* a, const float* b, float* c, int threads) {
+              const float* a, const float* b, float* c) {
   if (m == 0 || n == 0 || k == 0) return false;
-  ScopedThreads scoped_threads(threads);
+  OneOmpThread one_thread;
   const int64_t lda = transpose_a ? m : k;
   const int64_t ldb = transpose_b ? k : n;
   return dnnl_sgemm(transpose_a ? 'T' : 'N', transpose_b ? 'T' : 'N', m, n, k, 1.0f, a, lda, b,
@@ -366,7 +464,7 @@ struct DnnlConv2D::Cache {};
 struct DnnlPool::Cache {};
 DnnlConv2D::DnnlConv2D() = default;
 DnnlConv2D::~DnnlConv2D() = default;
-bool DnnlConv2D::Run(const WindowGeometry&, const float*, const float*, float*, int) const {
+bool DnnlConv2D::Run(const WindowGeometry&, const float*, const float*, float*) const {
   return false;
 }
 struct DnnlConvChain::Cache {};
@@ -374,11 +472,14 @@ DnnlConvChain::DnnlConvChain(const float* filter, const float* bias,
                              std::vector<ConvPostOp> post_ops)
     : filter_(filter), bias_(bias), post_ops_(std::move(post_ops)) {}
 DnnlConvChain::~DnnlConvChain() = default;
-bool DnnlConvChain::Run(const WindowGeometry&, const float*, float*, int) const { return false; }
+bool DnnlConvChain::Prepare(const WindowGeometry&) const { return false; }
+bool DnnlConvChain::Run(const WindowGeometry&, const float*, float*, ThreadPool*) const {
+  return false;
+}
 DnnlPool::DnnlPool(bool max) : max_(max) {}
 DnnlPool::~DnnlPool() = default;
-bool DnnlPool::Run(const WindowGeometry&, const float*, float*, int) const { return false; }
-bool DnnlGemm(bool, bool, int64_t, int64_t, int64_t, const float*, const float*, float*, int) {
+bool DnnlPool::Run(const WindowGeometry&, const float*, float*) const { return false; }
+bool DnnlGemm(bool, bool, int64_t, int64_t, int64_t, const float*, const float*, float*) {
   return false;
 }
 

@@ -2,8 +2,10 @@
 // Each Run returns false when it did not compute (oneDNN absent at build
 // time, a geometry it refuses, an empty tensor); the caller then uses the
 // reference loops, so results never depend on oneDNN being present.
-// `threads` is the caller's intra-op thread count: oneDNN runs on OpenMP's
-// threads, and is held to that many of them for the call.
+// oneDNN runs on the calling thread only: its OpenMP team spins while it
+// waits, which on a machine busy with other work turns every barrier into a
+// lost time slice. Parallelism comes from minitf's own pool instead, whose
+// idle threads sleep (see DnnlConvChain).
 #ifndef MINITF_KERNELS_DNNL_OPS_H_
 #define MINITF_KERNELS_DNNL_OPS_H_
 
@@ -12,6 +14,7 @@
 #include <vector>
 
 #include "kernels/conv_util.h"
+#include "thread_pool.h"
 
 namespace minitf {
 
@@ -25,8 +28,7 @@ class DnnlConv2D {
  public:
   DnnlConv2D();
   ~DnnlConv2D();
-  bool Run(const WindowGeometry& g, const float* in, const float* filter, float* out,
-           int threads) const;
+  bool Run(const WindowGeometry& g, const float* in, const float* filter, float* out) const;
 
  private:
   struct Cache;
@@ -48,11 +50,19 @@ class DnnlConvChain {
  public:
   DnnlConvChain(const float* filter, const float* bias, std::vector<ConvPostOp> post_ops);
   ~DnnlConvChain();
-  // With a kAddResidual post-op, `out` holds the residual on entry.
-  bool Run(const WindowGeometry& g, const float* in, float* out, int threads) const;
+  // Makes (or finds) the primitive for `g`; false when oneDNN refuses it.
+  bool Prepare(const WindowGeometry& g) const;
+  // With a kAddResidual post-op, `out` holds the residual on entry. False,
+  // with `out` untouched, when the geometry was refused. Large calls are cut
+  // into pieces (images, or bands of output rows) run on `pool` (may be
+  // null), each a single-threaded oneDNN call.
+  bool Run(const WindowGeometry& g, const float* in, float* out, ThreadPool* pool) const;
 
  private:
   struct Cache;
+  struct Primitive;
+  std::shared_ptr<const Primitive> Find(const WindowGeometry& g) const;
+
   const float* filter_;
   const float* bias_;
   std::vector<ConvPostOp> post_ops_;
@@ -64,7 +74,7 @@ class DnnlPool {
  public:
   explicit DnnlPool(bool max);
   ~DnnlPool();
-  bool Run(const WindowGeometry& g, const float* in, float* out, int threads) const;
+  bool Run(const WindowGeometry& g, const float* in, float* out) const;
 
  private:
   struct Cache;
@@ -74,7 +84,7 @@ class DnnlPool {
 
 // c[m, n] = op(a) * op(b), layouts as reference::Gemm.
 bool DnnlGemm(bool transpose_a, bool transpose_b, int64_t m, int64_t n, int64_t k,
-              const float* a, const float* b, float* c, int threads);
+              const float* a, const float* b, float* c);
 
 }  // namespace minitf
 

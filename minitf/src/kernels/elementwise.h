@@ -103,7 +103,7 @@ class UnaryKernel : public OpKernel {
   Status Compute(OpContext* ctx) const override {
     const Tensor& x = ctx->input(0);
     Tensor* y = nullptr;
-    MINITF_RETURN_IF_ERROR(ctx->allocate_output(0, x.shape(), &y));
+    MINITF_RETURN_IF_ERROR(ctx->forward_input_or_allocate_output({0}, 0, x.shape(), &y));
     return DispatchType<Ts...>(type_, [&](auto tag) {
       using T = typename decltype(tag)::type;
       const T* in = x.data<T>();

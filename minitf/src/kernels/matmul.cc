@@ -14,7 +14,7 @@ template <typename T>
 void Gemm(bool ta, bool tb, int64_t m, int64_t n, int64_t k, const T* a, const T* b, T* c,
           const OpContext* ctx) {
   if constexpr (std::is_same_v<T, float>) {
-    if (DnnlGemm(ta, tb, m, n, k, a, b, c, ctx == nullptr ? 1 : ctx->num_threads())) return;
+    if (DnnlGemm(ta, tb, m, n, k, a, b, c)) return;
   }
   reference::Gemm(ta, tb, m, n, k, a, b, c, ctx);
 }
@@ -176,7 +176,7 @@ class BiasAddKernel : public OpKernel {
     for (int i = 0; i < channel_dim; ++i) outer *= value.dim(i);
     for (int i = channel_dim + 1; i < value.rank(); ++i) inner *= value.dim(i);
     Tensor* out = nullptr;
-    MINITF_RETURN_IF_ERROR(ctx->allocate_output(0, value.shape(), &out));
+    MINITF_RETURN_IF_ERROR(ctx->forward_input_or_allocate_output({0}, 0, value.shape(), &out));
     return DispatchType<MINITF_REAL_TYPES>(type_, [&](auto tag) {
       using T = typename decltype(tag)::type;
       const T* in = value.data<T>();

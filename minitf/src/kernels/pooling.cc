@@ -32,7 +32,7 @@ class PoolKernelBase : public OpKernel {
     Tensor* out = nullptr;
     MINITF_RETURN_IF_ERROR(ctx->allocate_output(0, out_shape, &out));
     if (out->num_elements() == 0) return Status::OK();
-    if (type_ == TF_FLOAT && fast_.Run(g, input.data<float>(), out->data<float>(), ctx->num_threads())) {
+    if (type_ == TF_FLOAT && fast_.Run(g, input.data<float>(), out->data<float>())) {
       return Status::OK();
     }
     if (max_) {
