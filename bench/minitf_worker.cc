@@ -11,7 +11,8 @@
 //   run     one session run; prints the wall time in milliseconds
 //   info    prints one JSON object: weights bytes, FLOPs of the convolutions
 //           and matrix products, the two largest activations, and resident
-//           memory (before import, after session creation, now, and peak)
+//           memory (before and after import, after session creation, now,
+//           and the peak since the import)
 //   quit
 //
 // The bench driver (bench/run_models.py) keeps one worker per runtime alive
@@ -139,6 +140,9 @@ class Worker {
     TF_DeleteImportGraphDefOptions(options);
     TF_DeleteBuffer(buffer);
     Check(status.get(), "import");
+    rss_after_import_kb_ = bench::ResidentKb();
+    // The session's own peak, not the import's (file bytes and parsing).
+    peak_reset_ = bench::ResetPeakResident();
 
     // intra_op_parallelism_threads is field 2 of ConfigProto.
     const unsigned char config[] = {0x10, static_cast<unsigned char>(threads)};
@@ -186,6 +190,8 @@ class Worker {
   nlohmann::json Info() {
     nlohmann::json info;
     info["rss_before_import_kb"] = rss_before_import_kb_;
+    info["rss_after_import_kb"] = rss_after_import_kb_;
+    info["peak_reset_after_import"] = peak_reset_;
     info["rss_after_session_kb"] = rss_after_session_kb_;
     info["rss_now_kb"] = bench::ResidentKb();
     info["rss_peak_kb"] = bench::PeakResidentKb();
@@ -299,6 +305,8 @@ class Worker {
   std::vector<TF_Tensor*> input_values_;
   std::vector<TF_Output> outputs_;
   int64_t rss_before_import_kb_ = 0;
+  int64_t rss_after_import_kb_ = 0;
+  bool peak_reset_ = false;
   int64_t rss_after_session_kb_ = 0;
 };
 

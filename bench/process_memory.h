@@ -22,6 +22,12 @@ inline int64_t ProcStatusKb(const std::string& key) {
 }
 
 inline int64_t ResidentKb() { return ProcStatusKb("VmRSS"); }
+// Starts the peak (VmHWM) over from the current resident size.
+inline bool ResetPeakResident() {
+  std::ofstream clear("/proc/self/clear_refs");
+  clear << "5";
+  return static_cast<bool>(clear);
+}
 inline int64_t PeakResidentKb() { return ProcStatusKb("VmHWM"); }
 
 }  // namespace bench

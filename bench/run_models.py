@@ -177,19 +177,19 @@ def main():
             fmt(gflop / m1 * 1e3 if gflop and m1 else None),
             fmt(gflop / m2 * 1e3 if gflop and m2 else None)))
     print()
-    print("Memory of the minitf session (1 thread): peak resident growth from before import, "
-          "against weights + the two largest activations")
+    print("Memory of a minitf session (1 thread): its peak resident growth over the imported graph, "
+          "against the weights plus the two largest activations")
     print()
     print("| model | weights MB | two largest activations MB | session peak MB | ratio |")
     print("|---|---|---|---|---|")
     for name, med, info, refused in rows:
-        if not info:
+        if not info or not info.get("peak_reset_after_import"):
             continue
         weights = info["weights_bytes"] / 2**20
         acts = sum(info["largest_activation_bytes"]) / 2**20
-        peak = (info["rss_peak_kb"] - info["rss_before_import_kb"]) / 1024
-        print("| %s | %.1f | %.1f | %.1f | %.2fx |" % (name, weights, acts, peak,
-                                                      peak / (weights + acts)))
+        peak = (info["rss_peak_kb"] - info["rss_after_import_kb"]) / 1024
+        print("| %s | %.1f | %.1f | %.1f | %.2fx |" % (
+            name, weights, acts, peak, peak / (weights + acts)))
     for name, med, info, refused in rows:
         for label, why in refused.items():
             if why:

@@ -26,6 +26,30 @@ Status ShapeFromProto(const pb::TensorShapeProto& proto, Shape* out) {
   return Shape::Make(std::move(dims), out);
 }
 
+Status TensorViewOfProto(const pb::TensorProto& proto, Tensor* out) {
+  const DataType dtype = DataTypeFromProto(proto.dtype());
+  const std::string& content = proto.tensor_content();
+  Shape shape;
+  if (content.empty() || dtype == TF_BOOL || !ShapeFromProto(proto.tensor_shape(), &shape).ok()) {
+    return TensorFromProto(proto, out);
+  }
+  const size_t elem = DataTypeSize(dtype);
+  const bool numeric = dtype == TF_FLOAT || dtype == TF_DOUBLE || dtype == TF_INT32 ||
+                       dtype == TF_INT64 || dtype == TF_UINT8 || dtype == TF_INT8 ||
+                       dtype == TF_INT16 || dtype == TF_UINT16 || dtype == TF_UINT32 ||
+                       dtype == TF_UINT64;
+  if (!numeric || static_cast<uint64_t>(shape.num_elements()) * elem != content.size()) {
+    return TensorFromProto(proto, out);  // and its error, if any
+  }
+  // Buffers never write through a borrowed pointer; the cast is for the
+  // borrowing interface only.
+  auto buffer = Buffer::Borrow(const_cast<char*>(content.data()), content.size(),
+                               [](void*, size_t, void*) {}, nullptr);
+  if (buffer == nullptr) return TensorFromProto(proto, out);
+  *out = Tensor(dtype, shape, std::move(buffer));
+  return Status::OK();
+}
+
 Status TensorFromProto(const pb::TensorProto& proto, Tensor* out) {
   const DataType dtype = DataTypeFromProto(proto.dtype());
   Shape shape;

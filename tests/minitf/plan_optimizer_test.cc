@@ -284,3 +284,24 @@ TEST(BufferReuseTest, OnlyMemoryNobodyElseSeesIsReused) {
 }
 
 }  // namespace
+
+namespace {
+
+// Constants are read from the graph's own bytes; what a caller gets back is
+// its own copy, so writing into it changes nothing for later runs.
+TEST(BufferReuseTest, FetchedConstantsAreCopiesOfTheGraphsBytes) {
+  GraphBuilder g;
+  g.Const<float>("c", {3}, {1, 2, 3});
+  g.Node("Identity", "view").Input("c").Attr("T", TF_FLOAT);
+  TestSession session(g.Serialize());
+  ASSERT_EQ(session.code(), TF_OK) << session.message();
+  for (int run = 0; run < 2; ++run) {
+    std::vector<TensorPtr> out;
+    ASSERT_EQ(session.Run({}, {"c", "view"}, &out), TF_OK) << session.last_error();
+    ASSERT_EQ(Values<float>(out[0].get()), (F{1, 2, 3})) << "run " << run;
+    ASSERT_EQ(Values<float>(out[1].get()), (F{1, 2, 3})) << "run " << run;
+    for (auto& t : out) static_cast<float*>(TF_TensorData(t.get()))[0] = 99;
+  }
+}
+
+}  // namespace

@@ -46,7 +46,8 @@ class ConstKernel : public OpKernel {
                            " bytes) exceeds the ", init.max_run_bytes(),
                            "-byte run memory limit (node ", init.node_name(), ")"));
     }
-    s = TensorFromProto(value->tensor(), &value_);
+    // The node's own bytes, not a copy: the graph outlives its sessions.
+    s = TensorViewOfProto(value->tensor(), &value_);
     if (!s.ok()) return Status(s.code(), StrCat(s.message(), " (node ", init.node_name(), ")"));
     if (value_.dtype() != dtype) {
       return init.Error("Const value has dtype ", DataTypeName(value_.dtype()),
