@@ -487,6 +487,29 @@ TEST(DnnlDifferentialTest, FusedChainMatchesReferenceSteps) {
   }
 }
 
+TEST(DnnlDifferentialTest, TransposedConvolutionsMatchReference) {
+  if (!minitf::DnnlAvailable()) GTEST_SKIP() << "built without oneDNN";
+  using minitf::Padding;
+  // The forward convolutions whose input gradient is computed.
+  const WindowCase cases[] = {
+      {1, 8, 8, 4, 3, 3, 6, 1, Attrs(Padding::kSame, 2)},
+      {2, 7, 9, 3, 4, 4, 5, 1, Attrs(Padding::kValid, 2)},
+      {1, 9, 10, 5, 3, 2, 4, 1, Attrs(Padding::kExplicit, 1, 2, 1, {1, 2, 0, 1})},
+      {1, 16, 16, 8, 2, 2, 8, 1, Attrs(Padding::kValid, 2)},
+  };
+  std::mt19937 rng(77);
+  for (const WindowCase& c : cases) {
+    const minitf::WindowGeometry g = Geometry(c);
+    const F dy = RandomVector(rng, g.batch * g.out_h * g.out_w * g.out_c);
+    const F filter = RandomVector(rng, g.k_h * g.k_w * g.in_c * g.out_c);
+    F ref(g.batch * g.in_h * g.in_w * g.in_c), fast(ref.size(), -7.0f);
+    minitf::reference::ConvTranspose<float>(g, dy.data(), filter.data(), ref.data(), nullptr);
+    minitf::DnnlConvTranspose deconv;
+    ASSERT_TRUE(deconv.Run(g, dy.data(), filter.data(), fast.data()));
+    ExpectClose(fast, ref);
+  }
+}
+
 TEST(DnnlDifferentialTest, PoolingMatchesReference) {
   if (!minitf::DnnlAvailable()) GTEST_SKIP() << "built without oneDNN";
   using minitf::Padding;

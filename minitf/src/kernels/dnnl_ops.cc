@@ -397,6 +397,75 @@ bool DnnlConvChain::Run(const WindowGeometry& g, const float* in, float* out,
   return ok;
 }
 
+struct DeconvEntry {
+  dnnl::deconvolution_forward deconv;
+  memory::desc scratchpad;
+  memory::desc user_weights;
+  memory::desc weights;
+  bool reorder_weights = false;
+  dnnl::reorder reorder;
+  memory::desc reorder_scratchpad;
+};
+
+struct DnnlConvTranspose::Cache : PrimitiveCache<DeconvEntry> {};
+
+DnnlConvTranspose::DnnlConvTranspose() : cache_(new Cache) {}
+DnnlConvTranspose::~DnnlConvTranspose() = default;
+
+bool DnnlConvTranspose::Run(const WindowGeometry& g, const float* dy, const float* filter,
+                            float* out) const {
+  if (AnyEmpty(g) || g.groups != 1) return false;
+  OneOmpThread one_thread;
+  auto entry = cache_->Get(GeometryKey(g), [&] {
+    auto e = std::make_shared<DeconvEntry>();
+    // The deconvolution's output channels are the forward input's: weights
+    // {in_c, out_c, k_h, k_w}, stored as TensorFlow's [k_h][k_w][in_c][out_c].
+    e->user_weights = memory::desc({g.in_c, g.out_c, g.k_h, g.k_w}, kF32,
+                                   {g.out_c, 1, g.k_w * g.in_c * g.out_c, g.in_c * g.out_c});
+    const memory::desc any_weights(e->user_weights.dims(), kF32, Tag::any);
+    dnnl::deconvolution_forward::desc desc(
+        dnnl::prop_kind::forward_inference, dnnl::algorithm::deconvolution_direct,
+        ActivationDesc(g.batch, g.out_h, g.out_w, g.out_c), any_weights,
+        ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), {g.stride_h, g.stride_w},
+        {g.dil_h - 1, g.dil_w - 1}, {g.pad_top, g.pad_left}, {g.pad_bottom, g.pad_right});
+    dnnl::deconvolution_forward::primitive_desc pd(desc, UserScratchpad(), CpuEngine());
+    e->deconv = dnnl::deconvolution_forward(pd);
+    e->scratchpad = pd.scratchpad_desc();
+    e->weights = pd.weights_desc();
+    e->reorder_weights = e->weights != e->user_weights;
+    if (e->reorder_weights) {
+      dnnl::reorder::primitive_desc rpd(CpuEngine(), e->user_weights, CpuEngine(), e->weights,
+                                        UserScratchpad());
+      e->reorder = dnnl::reorder(rpd);
+      e->reorder_scratchpad = rpd.scratchpad_desc();
+    }
+    return std::shared_ptr<const DeconvEntry>(e);
+  });
+  if (!entry) return false;
+  try {
+    dnnl::engine& eng = CpuEngine();
+    dnnl::stream stream(eng);
+    memory src(ActivationDesc(g.batch, g.out_h, g.out_w, g.out_c), eng, const_cast<float*>(dy));
+    memory dst(ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), eng, out);
+    memory user_w(entry->user_weights, eng, const_cast<float*>(filter));
+    memory w = user_w;
+    if (entry->reorder_weights) {
+      w = memory(entry->weights, eng);
+      std::unordered_map<int, memory> args = {{DNNL_ARG_FROM, user_w}, {DNNL_ARG_TO, w}};
+      AddScratchpad(entry->reorder_scratchpad, &args);
+      entry->reorder.execute(stream, args);
+    }
+    std::unordered_map<int, memory> args = {
+        {DNNL_ARG_SRC, src}, {DNNL_ARG_WEIGHTS, w}, {DNNL_ARG_DST, dst}};
+    AddScratchpad(entry->scratchpad, &args);
+    entry->deconv.execute(stream, args);
+    stream.wait();
+  } catch (const dnnl::error&) {
+    return false;
+  }
+  return true;
+}
+
 DnnlPool::DnnlPool(bool max) : max_(max), cache_(new Cache) {}
 DnnlPool::~DnnlPool() = default;
 
@@ -474,6 +543,12 @@ DnnlConvChain::DnnlConvChain(const float* filter, const float* bias,
 DnnlConvChain::~DnnlConvChain() = default;
 bool DnnlConvChain::Prepare(const WindowGeometry&) const { return false; }
 bool DnnlConvChain::Run(const WindowGeometry&, const float*, float*, ThreadPool*) const {
+  return false;
+}
+struct DnnlConvTranspose::Cache {};
+DnnlConvTranspose::DnnlConvTranspose() = default;
+DnnlConvTranspose::~DnnlConvTranspose() = default;
+bool DnnlConvTranspose::Run(const WindowGeometry&, const float*, const float*, float*) const {
   return false;
 }
 DnnlPool::DnnlPool(bool max) : max_(max) {}

@@ -69,6 +69,20 @@ class DnnlConvChain {
   std::unique_ptr<Cache> cache_;
 };
 
+// Conv2DBackpropInput as oneDNN's deconvolution: `g` is the forward
+// convolution (its input is the result, its output `dy`); the filter is
+// [k_h, k_w, in_c, out_c], re-laid out per call as it is an input.
+class DnnlConvTranspose {
+ public:
+  DnnlConvTranspose();
+  ~DnnlConvTranspose();
+  bool Run(const WindowGeometry& g, const float* dy, const float* filter, float* out) const;
+
+ private:
+  struct Cache;
+  std::unique_ptr<Cache> cache_;
+};
+
 // Max pooling, or average pooling over the in-bounds cells.
 class DnnlPool {
  public:

@@ -154,6 +154,44 @@ void AvgPool(const WindowGeometry& g, const T* in, T* out, const OpContext* ctx)
       [](T s, int64_t cells) { return cells > 0 ? s / static_cast<T>(cells) : T(0); }, ctx);
 }
 
+// out [batch, in_h, in_w, in_c] from dy [batch, out_h, out_w, out_c] and
+// filter [k_h, k_w, in_c, out_c]; g describes the forward convolution.
+template <typename T>
+void ConvTranspose(const WindowGeometry& g, const T* dy, const T* filter, T* out,
+                   const OpContext* ctx) {
+  const int64_t ci = g.in_c, co = g.out_c;
+  RunParallel(ctx, g.batch * g.in_h, g.in_w * g.k_h * g.k_w * ci * co + 1,
+              [&](int64_t begin, int64_t end) {
+    for (int64_t row = begin; row < end; ++row) {
+      const int64_t b = row / g.in_h, y = row % g.in_h;
+      for (int64_t x = 0; x < g.in_w; ++x) {
+        T* o = out + (row * g.in_w + x) * ci;
+        std::fill(o, o + ci, T(0));
+        for (int64_t ky = 0; ky < g.k_h; ++ky) {
+          const int64_t ty = y + g.pad_top - ky * g.dil_h;
+          if (ty < 0 || ty % g.stride_h != 0) continue;
+          const int64_t oy = ty / g.stride_h;
+          if (oy >= g.out_h) continue;
+          for (int64_t kx = 0; kx < g.k_w; ++kx) {
+            const int64_t tx = x + g.pad_left - kx * g.dil_w;
+            if (tx < 0 || tx % g.stride_w != 0) continue;
+            const int64_t ox = tx / g.stride_w;
+            if (ox >= g.out_w) continue;
+            const T* d = dy + ((b * g.out_h + oy) * g.out_w + ox) * co;
+            const T* f = filter + (ky * g.k_w + kx) * ci * co;
+            for (int64_t c = 0; c < ci; ++c) {
+              T acc = o[c];
+              const T* fc = f + c * co;
+              for (int64_t k = 0; k < co; ++k) acc = reference::MulAdd(acc, d[k], fc[k]);
+              o[c] = acc;
+            }
+          }
+        }
+      }
+    }
+  });
+}
+
 }  // namespace reference
 }  // namespace minitf
 
