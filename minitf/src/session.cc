@@ -73,6 +73,9 @@ DeviceKind ClassifyDevice(const std::string& device) {
 // worth keeping.
 constexpr int64_t kMaxFoldedBytes = int64_t{256} << 20;
 
+// Freed activation buffers kept for the next runs, at most.
+constexpr int64_t kMaxCachedBytes = int64_t{256} << 20;
+
 int DefaultThreads() {
   const unsigned n = std::thread::hardware_concurrency();
   return n == 0 ? 1 : static_cast<int>(n);
@@ -98,7 +101,9 @@ Session::Session(const Graph* graph, const SessionConfig& config)
       config_(config),
       pool_(ThreadPool::Shared(config.intra_op_threads > 0 ? config.intra_op_threads
                                                            : DefaultThreads())),
-      folded_(std::min(config.max_run_bytes, kMaxFoldedBytes)) {
+      folded_(std::min(config.max_run_bytes, kMaxFoldedBytes)),
+      buffer_cache_(std::make_shared<BufferCache>(
+          static_cast<size_t>(std::min(config.max_run_bytes, kMaxCachedBytes)))) {
   if (OpProfile::Enabled()) profile_ = std::make_unique<OpProfile>();
 }
 
@@ -348,6 +353,7 @@ Status Session::Run(const std::vector<Feed>& feeds, const std::vector<Fetch>& fe
   // Each run has its own budget; fetched tensors keep their bytes charged
   // to it until the caller lets them go.
   auto budget = std::make_shared<MemoryBudget>(config_.max_run_bytes);
+  budget->set_cache(buffer_cache_);
   std::vector<const Tensor*> inputs;
   for (const Plan::Step& step : plan->steps) {
     inputs.clear();
@@ -372,6 +378,7 @@ Status Session::Run(const std::vector<Feed>& feeds, const std::vector<Fetch>& fe
     for (int slot : step.release_after) slots[slot] = Tensor();
   }
 
+  buffer_cache_->Expect(static_cast<size_t>(budget->peak()));
   outputs->clear();
   for (int slot : plan->fetch_slots) {
     const Tensor& t = slots[slot];

@@ -73,6 +73,7 @@ class Session {
   std::map<std::string, std::shared_ptr<const Plan>> plans_;
   std::unordered_map<const Node*, std::unique_ptr<OpKernel>> kernels_;
   FoldedConstants folded_;
+  std::shared_ptr<BufferCache> buffer_cache_;
   std::unique_ptr<OpProfile> profile_;  // set when MINITF_PROFILE asks for one
 };
 

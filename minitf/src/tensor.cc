@@ -53,6 +53,9 @@ bool MemoryBudget::Reserve(size_t bytes) {
   do {
     if (used > limit_ - n) return false;
   } while (!used_.compare_exchange_weak(used, used + n));
+  int64_t peak = peak_.load();
+  while (used + n > peak && !peak_.compare_exchange_weak(peak, used + n)) {
+  }
   return true;
 }
 
@@ -69,12 +72,53 @@ int64_t MemoryBudget::DefaultRunLimit() {
   return limit;
 }
 
+BufferCache::~BufferCache() {
+  for (auto& [capacity, data] : free_) std::free(data);
+}
+
+void* BufferCache::Take(size_t bytes, size_t* capacity) {
+  if (bytes < kMinBytes) return nullptr;
+  std::lock_guard<std::mutex> lock(mu_);
+  auto it = free_.lower_bound(bytes);
+  if (it == free_.end() || it->first / 2 > bytes) return nullptr;
+  void* data = it->second;
+  *capacity = it->first;
+  cached_ -= it->first;
+  free_.erase(it);
+  return data;
+}
+
+void BufferCache::Expect(size_t run_bytes) {
+  std::lock_guard<std::mutex> lock(mu_);
+  limit_ = std::min(max_bytes_, std::max(limit_, run_bytes));
+}
+
+bool BufferCache::Give(void* data, size_t capacity) {
+  if (capacity < kMinBytes) return false;
+  std::lock_guard<std::mutex> lock(mu_);
+  if (cached_ + capacity > limit_) return false;
+  free_.emplace(capacity, data);
+  cached_ += capacity;
+  return true;
+}
+
+size_t BufferCache::cached_bytes() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return cached_;
+}
+
 std::shared_ptr<Buffer> Buffer::Allocate(size_t bytes, std::shared_ptr<MemoryBudget> budget) {
   constexpr size_t kAlign = 64;
   // Never hand out a null pointer, even for empty tensors.
   size_t rounded = (bytes + kAlign - 1) / kAlign * kAlign;
   if (rounded == 0) rounded = kAlign;
-  void* p = std::aligned_alloc(kAlign, rounded);
+  std::shared_ptr<BufferCache> cache = budget ? budget->cache() : nullptr;
+  size_t capacity = rounded;
+  void* p = cache ? cache->Take(rounded, &capacity) : nullptr;
+  if (p == nullptr) {
+    capacity = rounded;
+    p = std::aligned_alloc(kAlign, rounded);
+  }
   if (p == nullptr) {
     if (budget) budget->Release(bytes);
     return nullptr;
@@ -83,6 +127,8 @@ std::shared_ptr<Buffer> Buffer::Allocate(size_t bytes, std::shared_ptr<MemoryBud
   b->data_ = p;
   b->size_ = bytes;
   b->owned_ = true;
+  b->capacity_ = capacity;
+  b->cache_ = std::move(cache);
   b->charged_ = budget ? bytes : 0;
   b->budget_ = std::move(budget);
   return b;
@@ -100,7 +146,7 @@ std::shared_ptr<Buffer> Buffer::Borrow(void* data, size_t bytes,
 
 Buffer::~Buffer() {
   if (owned_) {
-    std::free(data_);
+    if (!cache_ || !cache_->Give(data_, capacity_)) std::free(data_);
   } else if (deallocator_ != nullptr) {
     deallocator_(data_, size_, deallocator_arg_);
   }

@@ -5,7 +5,9 @@
 #include <atomic>
 #include <cstdint>
 #include <initializer_list>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -22,6 +24,39 @@ inline constexpr size_t kMaxTensorBytes = size_t{1} << 31;  // 2 GiB
 // Live tensor bytes one run may hold when nothing else is configured.
 inline constexpr int64_t kDefaultMaxRunBytes = int64_t{4} << 30;  // 4 GiB
 
+// Freed buffers kept for reuse. A session's runs allocate the same sizes
+// again and again; handing back memory that is already mapped saves the
+// page faults of fresh allocations. Bounded, thread-safe.
+class BufferCache {
+ public:
+  explicit BufferCache(size_t max_bytes) : max_bytes_(max_bytes) {}
+  ~BufferCache();
+  BufferCache(const BufferCache&) = delete;
+  BufferCache& operator=(const BufferCache&) = delete;
+
+  // A cached block of at least `bytes` and at most twice that (its size in
+  // `capacity`), or null.
+  void* Take(size_t bytes, size_t* capacity);
+  // Keeps `data` (from std::aligned_alloc, `capacity` bytes) when there is
+  // room; false when the caller must free it.
+  bool Give(void* data, size_t capacity);
+  // Lets the cache hold as much as one run was seen to need at its peak
+  // (never more than the cache's maximum): enough for the next run of the
+  // same model to allocate nothing new, without keeping more than it uses.
+  void Expect(size_t run_bytes);
+  size_t cached_bytes() const;
+
+  // Blocks smaller than this are left to malloc, which recycles them well.
+  static constexpr size_t kMinBytes = size_t{16} << 10;
+
+ private:
+  const size_t max_bytes_;
+  size_t limit_ = 0;  // grows with Expect up to max_bytes_
+  mutable std::mutex mu_;
+  std::multimap<size_t, void*> free_;  // by capacity
+  size_t cached_ = 0;
+};
+
 // Bytes held by the tensors of one run, against a limit. Buffers charged to
 // it give their bytes back when they die, which may be after the run (a
 // fetched output), so buffers share ownership of the budget.
@@ -32,15 +67,23 @@ class MemoryBudget {
   bool Reserve(size_t bytes);
   void Release(size_t bytes) { used_.fetch_sub(static_cast<int64_t>(bytes)); }
   int64_t used() const { return used_.load(); }
+  // The most bytes in use at once so far.
+  int64_t peak() const { return peak_.load(); }
   int64_t limit() const { return limit_; }
 
   // kDefaultMaxRunBytes, or MINITF_MAX_RUN_BYTES when that is a positive
   // integer; read once per process.
   static int64_t DefaultRunLimit();
 
+  // Where the run's buffers come from and go back to (may be null).
+  void set_cache(std::shared_ptr<BufferCache> cache) { cache_ = std::move(cache); }
+  const std::shared_ptr<BufferCache>& cache() const { return cache_; }
+
  private:
   const int64_t limit_;
+  std::shared_ptr<BufferCache> cache_;
   std::atomic<int64_t> used_{0};
+  std::atomic<int64_t> peak_{0};
 };
 
 class Shape {
@@ -105,6 +148,8 @@ class Buffer {
   void* deallocator_arg_ = nullptr;
   std::shared_ptr<MemoryBudget> budget_;
   size_t charged_ = 0;
+  size_t capacity_ = 0;                 // owned: bytes actually allocated
+  std::shared_ptr<BufferCache> cache_;  // owned: where the memory goes back
 };
 
 class Tensor {

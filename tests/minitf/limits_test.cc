@@ -280,3 +280,47 @@ TEST(MemoryBudgetTest, DefaultIsFourGibUnlessTheEnvironmentSaysOtherwise) {
 }
 
 }  // namespace
+
+namespace {
+
+// Freed run buffers are kept for the next run, but only as much as a run
+// was seen to need, and never handed out for a much smaller request.
+TEST(BufferCacheTest, ReusesFreedMemoryWithinWhatRunsNeed) {
+  auto cache = std::make_shared<minitf::BufferCache>(size_t{1} << 30);
+  auto budget = std::make_shared<minitf::MemoryBudget>(int64_t{1} << 30);
+  budget->set_cache(cache);
+  const int64_t kFloats = 64 << 10;  // 256 KiB
+  void* first = nullptr;
+  {
+    minitf::Tensor t;
+    ASSERT_TRUE(minitf::Tensor::Allocate(TF_FLOAT, minitf::Shape({kFloats}), &t, budget).ok());
+    first = t.raw_data();
+  }
+  // Nothing was expected yet: the block went back to malloc.
+  EXPECT_EQ(cache->cached_bytes(), 0u);
+  cache->Expect(static_cast<size_t>(budget->peak()));
+  EXPECT_EQ(budget->peak(), kFloats * 4);
+  {
+    minitf::Tensor t;
+    ASSERT_TRUE(minitf::Tensor::Allocate(TF_FLOAT, minitf::Shape({kFloats}), &t, budget).ok());
+    first = t.raw_data();
+  }
+  EXPECT_EQ(cache->cached_bytes(), static_cast<size_t>(kFloats * 4));
+  // A request of a quarter of the block does not take it; one of the same
+  // size does, and a second block does not fit beside it.
+  minitf::Tensor small, same, extra;
+  ASSERT_TRUE(
+      minitf::Tensor::Allocate(TF_FLOAT, minitf::Shape({kFloats / 4}), &small, budget).ok());
+  EXPECT_NE(small.raw_data(), first);
+  ASSERT_TRUE(minitf::Tensor::Allocate(TF_FLOAT, minitf::Shape({kFloats}), &same, budget).ok());
+  EXPECT_EQ(same.raw_data(), first);
+  EXPECT_EQ(cache->cached_bytes(), 0u);
+  ASSERT_TRUE(minitf::Tensor::Allocate(TF_FLOAT, minitf::Shape({kFloats}), &extra, budget).ok());
+  same = minitf::Tensor();
+  extra = minitf::Tensor();
+  EXPECT_EQ(cache->cached_bytes(), static_cast<size_t>(kFloats * 4));
+  // The run budget is charged the tensor's bytes either way.
+  EXPECT_EQ(budget->used(), kFloats);
+}
+
+}  // namespace
