@@ -12,7 +12,8 @@
 //   info    prints one JSON object: weights bytes, FLOPs of the convolutions
 //           and matrix products, the two largest activations, and resident
 //           memory (before and after import, after session creation, now,
-//           and the peak since the import)
+//           and the peak since the import; and the anonymous part, which
+//           leaves out library code pages)
 //   quit
 //
 // The bench driver (bench/run_models.py) keeps one worker per runtime alive
@@ -141,6 +142,7 @@ class Worker {
     TF_DeleteBuffer(buffer);
     Check(status.get(), "import");
     rss_after_import_kb_ = bench::ResidentKb();
+    anon_after_import_kb_ = bench::AnonymousResidentKb();
     // The session's own peak, not the import's (file bytes and parsing).
     peak_reset_ = bench::ResetPeakResident();
 
@@ -195,6 +197,8 @@ class Worker {
     info["rss_after_session_kb"] = rss_after_session_kb_;
     info["rss_now_kb"] = bench::ResidentKb();
     info["rss_peak_kb"] = bench::PeakResidentKb();
+    info["anon_after_import_kb"] = anon_after_import_kb_;
+    info["anon_now_kb"] = bench::AnonymousResidentKb();
     info["weights_bytes"] = WeightsBytes();
     // Counting fetches every activation once, which raises the peak; it
     // comes after the memory readings for that reason.
@@ -306,6 +310,7 @@ class Worker {
   std::vector<TF_Output> outputs_;
   int64_t rss_before_import_kb_ = 0;
   int64_t rss_after_import_kb_ = 0;
+  int64_t anon_after_import_kb_ = 0;
   bool peak_reset_ = false;
   int64_t rss_after_session_kb_ = 0;
 };

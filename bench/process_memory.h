@@ -22,6 +22,9 @@ inline int64_t ProcStatusKb(const std::string& key) {
 }
 
 inline int64_t ResidentKb() { return ProcStatusKb("VmRSS"); }
+// Resident anonymous memory: the heap and mappings a program made, without
+// the pages of shared libraries' code it happened to touch.
+inline int64_t AnonymousResidentKb() { return ProcStatusKb("RssAnon"); }
 // Starts the peak (VmHWM) over from the current resident size.
 inline bool ResetPeakResident() {
   std::ofstream clear("/proc/self/clear_refs");

@@ -22,16 +22,13 @@ import sys
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 CACHE = os.environ.get("VA_CACHE_DIR", os.path.join(ROOT, ".cache"))
 
-# The models and inputs the performance targets name.
+# The models the latency targets name, then the other converted graphs that
+# OpenCV's DNN module imports (minitf must not be slower than it on any).
 MODELS = [
-    ("movenet-lightning", "192x192"),
-    ("movenet-thunder", "256x256"),
-    ("blazeface-back", "256x256"),
-    ("mobilefacenet", "112x112"),
-    ("faceres", "224x224"),
-    ("centernet", "512x512"),
-    ("emotion", "64x64 gray"),
-    ("age", "64x64"),
+    "movenet-lightning", "movenet-thunder", "blazeface-back", "mobilefacenet", "faceres",
+    "centernet", "emotion", "age",
+    "blazeface-front", "gender", "antispoof", "liveness", "gear", "selfie", "blazepose-lite",
+    "blazepose-full",
 ]
 CONV_HEAVY = {"movenet-thunder", "faceres", "centernet", "blazeface-back", "mobilefacenet"}
 
@@ -121,6 +118,16 @@ def measure(workers, rounds, warmup):
                     w.times.append(t)
 
 
+def input_label(name):
+    """The first input's spatial size and channels, from the reference inputs."""
+    try:
+        with open(os.path.join(CACHE, "golden", "models", name, "meta.json")) as f:
+            shape = json.load(f)["inputs"][0]["shape"]
+        return "x".join(str(d) for d in shape[1:])
+    except (OSError, KeyError, IndexError, ValueError):
+        return "?"
+
+
 def fmt(v, spec="%.1f"):
     return "-" if v is None else spec % v
 
@@ -131,11 +138,10 @@ def main():
     parser.add_argument("--build", default=os.path.join(ROOT, "build-bench"))
     parser.add_argument("--rounds", type=int, default=20)
     parser.add_argument("--warmup", type=int, default=3)
-    parser.add_argument("--models", default=",".join(m for m, _ in MODELS))
+    parser.add_argument("--models", default=",".join(MODELS))
     parser.add_argument("--json", help="also write the raw results here")
     args = parser.parse_args()
 
-    inputs = dict(MODELS)
     rows, raw = [], {}
     for name in args.models.split(","):
         workers, why = start_workers(args.build, name)
@@ -168,28 +174,35 @@ def main():
         o1, o2 = med.get("opencv-1"), med.get("opencv-2")
         ratio = lambda a, b: (a / b) if a and b else None
         gflop = info.get("flops", 0) / 1e9 if info else None
-        target2 = "" if name in CONV_HEAVY else " (not conv-heavy)"
-        print("| %s | %s | %s | %s | %s | %s | %s%s | %s | %s | %s | %s | %s | %s | %s |" % (
-            name, inputs.get(name, "?"), fmt(tfjs), fmt(m1), fmt(ratio(m1, tfjs), "%.2fx"),
-            fmt(m2), fmt(ratio(m2, tfjs), "%.2fx"), target2,
+        print("| %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s |" % (
+            name, input_label(name), fmt(tfjs), fmt(m1), fmt(ratio(m1, tfjs), "%.2fx"),
+            fmt(m2), fmt(ratio(m2, tfjs), "%.2fx"),
             fmt(o1) if o1 else "refused", fmt(o2) if o2 else "refused",
             fmt(ratio(m1, o1), "%.2fx"), fmt(ratio(m2, o2), "%.2fx"), fmt(gflop, "%.2f"),
             fmt(gflop / m1 * 1e3 if gflop and m1 else None),
             fmt(gflop / m2 * 1e3 if gflop and m2 else None)))
     print()
-    print("Memory of a minitf session (1 thread): its peak resident growth over the imported graph, "
-          "against the weights plus the two largest activations")
+    print("Targets: minitf 1t <= 0.7x TF.js wasm on the first eight models; 2t <= 0.45x on the "
+          "conv-heavy ones (%s); minitf <= OpenCV wherever OpenCV imports the graph."
+          % ", ".join(sorted(CONV_HEAVY)))
     print()
-    print("| model | weights MB | two largest activations MB | session peak MB | ratio |")
-    print("|---|---|---|---|---|")
+    print("Memory of a minitf session (1 thread) over the imported graph, after the timed runs, "
+          "against the weights plus the two largest activations. 'Peak' is the growth of VmHWM, which "
+          "also counts oneDNN's code pages as they are first executed; 'anonymous' is RssAnon, the "
+          "session's own heap and mappings (its buffer cache keeps about one run's peak).")
+    print()
+    print("| model | weights MB | two largest activations MB | peak MB | ratio | anonymous MB "
+          "| ratio |")
+    print("|---|---|---|---|---|---|---|")
     for name, med, info, refused in rows:
         if not info or not info.get("peak_reset_after_import"):
             continue
         weights = info["weights_bytes"] / 2**20
         acts = sum(info["largest_activation_bytes"]) / 2**20
         peak = (info["rss_peak_kb"] - info["rss_after_import_kb"]) / 1024
-        print("| %s | %.1f | %.1f | %.1f | %.2fx |" % (
-            name, weights, acts, peak, peak / (weights + acts)))
+        anon = (info["anon_now_kb"] - info["anon_after_import_kb"]) / 1024
+        print("| %s | %.1f | %.1f | %.1f | %.2fx | %.1f | %.2fx |" % (
+            name, weights, acts, peak, peak / (weights + acts), anon, anon / (weights + acts)))
     for name, med, info, refused in rows:
         for label, why in refused.items():
             if why:
