@@ -127,8 +127,9 @@ int OpContext::num_threads() const { return pool_ == nullptr ? 1 : pool_->num_th
 
 void OpContext::ParallelFor(int64_t total, int64_t cost_per_unit,
                             const std::function<void(int64_t, int64_t)>& fn) const {
-  // About 10k cycles of work per block makes a task worth scheduling.
-  constexpr int64_t kMinCostPerBlock = 10000;
+  // Handing a block to another thread costs several microseconds; a block
+  // should carry about 100k cycles of work to be worth it.
+  constexpr int64_t kMinCostPerBlock = 100000;
   const int64_t min_block = std::max<int64_t>(1, kMinCostPerBlock / std::max<int64_t>(1, cost_per_unit));
   if (pool_ == nullptr || pool_->num_threads() <= 1 || total <= min_block) {
     if (total > 0) fn(0, total);

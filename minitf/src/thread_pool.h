@@ -3,6 +3,8 @@
 #ifndef MINITF_THREAD_POOL_H_
 #define MINITF_THREAD_POOL_H_
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -37,7 +39,11 @@ class ThreadPool {
  private:
   void WorkerLoop();
 
+  // How long an idle worker watches the queue before it sleeps.
+  static constexpr std::chrono::microseconds kWatch{200};
+
   const int num_threads_;
+  std::atomic<int64_t> queued_{0};  // tasks in queue_, readable without mu_
   std::mutex mu_;
   std::condition_variable cv_;
   std::deque<std::function<void()>> queue_;
