@@ -44,10 +44,12 @@ class Worker:
                                      stderr=subprocess.PIPE, text=True, env=env)
         first = self.proc.stdout.readline().strip()
         if first != "ready":
-            err = self.proc.stderr.read() if not first else ""
-            self.refused = (first or err.strip().splitlines()[-1:] or ["exited"])[0]
-            if not self.refused:
-                self.refused = "exit code %s" % self.proc.wait()
+            if first:
+                self.refused = first
+            else:
+                lines = self.proc.stderr.read().strip().splitlines()
+                code = self.proc.wait()
+                self.refused = lines[-1] if lines else "exited with code %s" % code
             self.close()
 
     def ask(self, command):
