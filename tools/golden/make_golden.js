@@ -17,6 +17,7 @@ const path = require('path');
 const tf = require('@tensorflow/tfjs-core');
 require('@tensorflow/tfjs-backend-cpu');
 const tfconv = require('@tensorflow/tfjs-converter');
+const { fileHandler } = require('./model_files');
 
 // mulberry32: small, seedable, identical on every machine.
 function rng(seed) {
@@ -60,32 +61,6 @@ function pictureValues(shape, seed) {
     out[i] = Math.min(1, Math.max(0, v));
   }
   return out;
-}
-
-function fileHandler(jsonPath) {
-  return {
-    load: async () => {
-      const model = JSON.parse(fs.readFileSync(jsonPath, 'utf8'));
-      const dir = path.dirname(jsonPath);
-      const specs = [];
-      const buffers = [];
-      for (const group of model.weightsManifest) {
-        specs.push(...group.weights);
-        for (const p of group.paths) buffers.push(fs.readFileSync(path.join(dir, p)));
-      }
-      const all = Buffer.concat(buffers);
-      return {
-        modelTopology: model.modelTopology,
-        format: model.format,
-        generatedBy: model.generatedBy,
-        convertedBy: model.convertedBy,
-        signature: model.signature,
-        userDefinedMetadata: model.userDefinedMetadata,
-        weightSpecs: specs,
-        weightData: all.buffer.slice(all.byteOffset, all.byteOffset + all.byteLength),
-      };
-    },
-  };
 }
 
 function writeTensor(dir, file, t) {

@@ -109,14 +109,50 @@ void AddScratchpad(const memory::desc& desc, std::unordered_map<int, memory>* ar
   if (desc.get_size() != 0) (*args)[DNNL_ARG_SCRATCHPAD] = memory(desc, CpuEngine());
 }
 
+// TensorFlow's filter layout as oneDNN weights: [k_h, k_w, in_c, out_c]
+// (hwio), or per group for grouped and depthwise convolutions.
+memory::desc ConvFilterDesc(const WindowGeometry& g) {
+  if (g.groups == 1) return memory::desc({g.out_c, g.in_c, g.k_h, g.k_w}, kF32, Tag::hwio);
+  return memory::desc({g.groups, g.out_c / g.groups, g.in_c / g.groups, g.k_h, g.k_w}, kF32,
+                      Tag::hwigo);
+}
+
+// A filter that is an op input, so it may change between calls: the reorder
+// from TensorFlow's layout to the one the primitive chose is made once and
+// run on every call.
+struct FilterReorder {
+  memory::desc user;
+  memory::desc wanted;
+  bool needed = false;
+  dnnl::reorder reorder;
+  memory::desc scratchpad;
+
+  void Init(const memory::desc& user_desc, const memory::desc& wanted_desc) {
+    user = user_desc;
+    wanted = wanted_desc;
+    needed = wanted != user;
+    if (!needed) return;
+    dnnl::reorder::primitive_desc rpd(CpuEngine(), user, CpuEngine(), wanted, UserScratchpad());
+    reorder = dnnl::reorder(rpd);
+    scratchpad = rpd.scratchpad_desc();
+  }
+
+  // The filter as the primitive wants it; the reorder runs on `stream`.
+  memory Apply(dnnl::stream& stream, const float* filter) const {
+    memory given(user, CpuEngine(), const_cast<float*>(filter));
+    if (!needed) return given;
+    memory laid_out(wanted, CpuEngine());
+    std::unordered_map<int, memory> args = {{DNNL_ARG_FROM, given}, {DNNL_ARG_TO, laid_out}};
+    AddScratchpad(scratchpad, &args);
+    reorder.execute(stream, args);
+    return laid_out;
+  }
+};
+
 struct ConvEntry {
   dnnl::convolution_forward conv;
   memory::desc scratchpad;
-  memory::desc user_weights;
-  memory::desc weights;  // the layout the primitive wants
-  bool reorder_weights = false;
-  dnnl::reorder reorder;
-  memory::desc reorder_scratchpad;
+  FilterReorder filter;
 };
 
 struct PoolEntry {
@@ -140,14 +176,8 @@ bool DnnlConv2D::Run(const WindowGeometry& g, const float* in, const float* filt
   if (AnyEmpty(g)) return false;
   auto entry = cache_->Get(GeometryKey(g), [&] {
     auto e = std::make_shared<ConvEntry>();
-    const int64_t cin_g = g.in_c / g.groups, cout_g = g.out_c / g.groups;
-    if (g.groups == 1) {
-      e->user_weights = memory::desc({g.out_c, g.in_c, g.k_h, g.k_w}, kF32, Tag::hwio);
-    } else {
-      e->user_weights =
-          memory::desc({g.groups, cout_g, cin_g, g.k_h, g.k_w}, kF32, Tag::hwigo);
-    }
-    const memory::desc any_weights(e->user_weights.dims(), kF32, Tag::any);
+    const memory::desc user_weights = ConvFilterDesc(g);
+    const memory::desc any_weights(user_weights.dims(), kF32, Tag::any);
     dnnl::convolution_forward::desc desc(
         dnnl::prop_kind::forward_inference, dnnl::algorithm::convolution_direct,
         ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), any_weights,
@@ -156,14 +186,7 @@ bool DnnlConv2D::Run(const WindowGeometry& g, const float* in, const float* filt
     dnnl::convolution_forward::primitive_desc pd(desc, UserScratchpad(), CpuEngine());
     e->conv = dnnl::convolution_forward(pd);
     e->scratchpad = pd.scratchpad_desc();
-    e->weights = pd.weights_desc();
-    e->reorder_weights = e->weights != e->user_weights;
-    if (e->reorder_weights) {
-      dnnl::reorder::primitive_desc rpd(CpuEngine(), e->user_weights, CpuEngine(), e->weights,
-                                        UserScratchpad());
-      e->reorder = dnnl::reorder(rpd);
-      e->reorder_scratchpad = rpd.scratchpad_desc();
-    }
+    e->filter.Init(user_weights, pd.weights_desc());
     return std::shared_ptr<const ConvEntry>(e);
   });
   if (!entry) return false;
@@ -174,18 +197,9 @@ bool DnnlConv2D::Run(const WindowGeometry& g, const float* in, const float* filt
     // oneDNN takes non-const handles but only reads sources.
     memory src(ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), eng, const_cast<float*>(in));
     memory dst(ActivationDesc(g.batch, g.out_h, g.out_w, g.out_c), eng, out);
-    memory user_w(entry->user_weights, eng, const_cast<float*>(filter));
-    memory w = user_w;
-    // The filter may change between calls (it is an input), so it is
-    // re-laid out every time; that is small next to the convolution.
-    if (entry->reorder_weights) {
-      w = memory(entry->weights, eng);
-      std::unordered_map<int, memory> args = {{DNNL_ARG_FROM, user_w}, {DNNL_ARG_TO, w}};
-      AddScratchpad(entry->reorder_scratchpad, &args);
-      entry->reorder.execute(stream, args);
-    }
     std::unordered_map<int, memory> args = {
-        {DNNL_ARG_SRC, src}, {DNNL_ARG_WEIGHTS, w}, {DNNL_ARG_DST, dst}};
+        {DNNL_ARG_SRC, src}, {DNNL_ARG_WEIGHTS, entry->filter.Apply(stream, filter)},
+        {DNNL_ARG_DST, dst}};
     AddScratchpad(entry->scratchpad, &args);
     entry->conv.execute(stream, args);
     stream.wait();
@@ -253,11 +267,7 @@ std::shared_ptr<const DnnlConvChain::Primitive> DnnlConvChain::Find(const Window
   OneOmpThread one_thread;
   return cache_->Get(GeometryKey(g), [&] {
     auto e = std::make_shared<Primitive>();
-    const int64_t cin_g = g.in_c / g.groups, cout_g = g.out_c / g.groups;
-    memory::desc user_weights =
-        g.groups == 1
-            ? memory::desc({g.out_c, g.in_c, g.k_h, g.k_w}, kF32, Tag::hwio)
-            : memory::desc({g.groups, cout_g, cin_g, g.k_h, g.k_w}, kF32, Tag::hwigo);
+    const memory::desc user_weights = ConvFilterDesc(g);
     const memory::desc any_weights(user_weights.dims(), kF32, Tag::any);
     if (bias_ != nullptr) e->bias = memory::desc({g.out_c}, kF32, Tag::x);
     dnnl::convolution_forward::desc desc(
@@ -400,11 +410,7 @@ bool DnnlConvChain::Run(const WindowGeometry& g, const float* in, float* out,
 struct DeconvEntry {
   dnnl::deconvolution_forward deconv;
   memory::desc scratchpad;
-  memory::desc user_weights;
-  memory::desc weights;
-  bool reorder_weights = false;
-  dnnl::reorder reorder;
-  memory::desc reorder_scratchpad;
+  FilterReorder filter;
 };
 
 struct DnnlConvTranspose::Cache : PrimitiveCache<DeconvEntry> {};
@@ -420,9 +426,10 @@ bool DnnlConvTranspose::Run(const WindowGeometry& g, const float* dy, const floa
     auto e = std::make_shared<DeconvEntry>();
     // The deconvolution's output channels are the forward input's: weights
     // {in_c, out_c, k_h, k_w}, stored as TensorFlow's [k_h][k_w][in_c][out_c].
-    e->user_weights = memory::desc({g.in_c, g.out_c, g.k_h, g.k_w}, kF32,
-                                   {g.out_c, 1, g.k_w * g.in_c * g.out_c, g.in_c * g.out_c});
-    const memory::desc any_weights(e->user_weights.dims(), kF32, Tag::any);
+    const memory::desc user_weights(
+        {g.in_c, g.out_c, g.k_h, g.k_w}, kF32,
+        {g.out_c, 1, g.k_w * g.in_c * g.out_c, g.in_c * g.out_c});
+    const memory::desc any_weights(user_weights.dims(), kF32, Tag::any);
     dnnl::deconvolution_forward::desc desc(
         dnnl::prop_kind::forward_inference, dnnl::algorithm::deconvolution_direct,
         ActivationDesc(g.batch, g.out_h, g.out_w, g.out_c), any_weights,
@@ -431,14 +438,7 @@ bool DnnlConvTranspose::Run(const WindowGeometry& g, const float* dy, const floa
     dnnl::deconvolution_forward::primitive_desc pd(desc, UserScratchpad(), CpuEngine());
     e->deconv = dnnl::deconvolution_forward(pd);
     e->scratchpad = pd.scratchpad_desc();
-    e->weights = pd.weights_desc();
-    e->reorder_weights = e->weights != e->user_weights;
-    if (e->reorder_weights) {
-      dnnl::reorder::primitive_desc rpd(CpuEngine(), e->user_weights, CpuEngine(), e->weights,
-                                        UserScratchpad());
-      e->reorder = dnnl::reorder(rpd);
-      e->reorder_scratchpad = rpd.scratchpad_desc();
-    }
+    e->filter.Init(user_weights, pd.weights_desc());
     return std::shared_ptr<const DeconvEntry>(e);
   });
   if (!entry) return false;
@@ -447,16 +447,9 @@ bool DnnlConvTranspose::Run(const WindowGeometry& g, const float* dy, const floa
     dnnl::stream stream(eng);
     memory src(ActivationDesc(g.batch, g.out_h, g.out_w, g.out_c), eng, const_cast<float*>(dy));
     memory dst(ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), eng, out);
-    memory user_w(entry->user_weights, eng, const_cast<float*>(filter));
-    memory w = user_w;
-    if (entry->reorder_weights) {
-      w = memory(entry->weights, eng);
-      std::unordered_map<int, memory> args = {{DNNL_ARG_FROM, user_w}, {DNNL_ARG_TO, w}};
-      AddScratchpad(entry->reorder_scratchpad, &args);
-      entry->reorder.execute(stream, args);
-    }
     std::unordered_map<int, memory> args = {
-        {DNNL_ARG_SRC, src}, {DNNL_ARG_WEIGHTS, w}, {DNNL_ARG_DST, dst}};
+        {DNNL_ARG_SRC, src}, {DNNL_ARG_WEIGHTS, entry->filter.Apply(stream, filter)},
+        {DNNL_ARG_DST, dst}};
     AddScratchpad(entry->scratchpad, &args);
     entry->deconv.execute(stream, args);
     stream.wait();
