@@ -25,6 +25,8 @@
 #include <string>
 #include <vector>
 
+#include "nchw_blob.h"
+
 namespace {
 
 std::string ReadFile(const std::string& path) {
@@ -66,14 +68,7 @@ int main(int argc, char** argv) {
   } else {
     std::memcpy(nhwc.data(), raw.data(), raw.size());
   }
-  const int blob_dims[4] = {n, c, h, w};
-  cv::Mat blob(4, blob_dims, CV_32F);
-  float* nchw = blob.ptr<float>();
-  for (int b = 0; b < n; ++b)
-    for (int y = 0; y < h; ++y)
-      for (int x = 0; x < w; ++x)
-        for (int k = 0; k < c; ++k)
-          nchw[((b * c + k) * h + y) * w + x] = nhwc[((b * h + y) * w + x) * c + k];
+  const cv::Mat blob = NchwBlob(nhwc.data(), n, h, w, c);
 
   cv::dnn::Net net;
   std::vector<std::string> outputs;

@@ -22,6 +22,8 @@
 #include <string>
 #include <vector>
 
+#include "nchw_blob.h"
+
 int main(int argc, char** argv) {
   if (argc < 9) {
     std::fprintf(stderr, "usage: opencv_dnn_run graph.pb input.bin N H W C out_prefix layer...\n");
@@ -44,15 +46,7 @@ int main(int argc, char** argv) {
                  count * sizeof(float));
     return 2;
   }
-  const float* nhwc = reinterpret_cast<const float*>(raw.data());
-  const int blob_dims[4] = {n, c, h, w};
-  cv::Mat blob(4, blob_dims, CV_32F);
-  float* nchw = blob.ptr<float>();
-  for (int b = 0; b < n; ++b)
-    for (int y = 0; y < h; ++y)
-      for (int x = 0; x < w; ++x)
-        for (int k = 0; k < c; ++k)
-          nchw[((b * c + k) * h + y) * w + x] = nhwc[((b * h + y) * w + x) * c + k];
+  const cv::Mat blob = NchwBlob(reinterpret_cast<const float*>(raw.data()), n, h, w, c);
 
   std::vector<std::string> layers(argv + 8, argv + argc);
   std::vector<cv::Mat> outs;
