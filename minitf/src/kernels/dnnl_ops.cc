@@ -149,10 +149,32 @@ struct FilterReorder {
   }
 };
 
-struct ConvEntry {
-  dnnl::convolution_forward conv;
+// A primitive that reads an activation and a filter given as an op input
+// and writes an activation: Conv2D, and the transposed convolution. Callers
+// hold OneOmpThread.
+struct FilteredPrimitive {
+  dnnl::primitive primitive;
   memory::desc scratchpad;
   FilterReorder filter;
+
+  bool Execute(const memory::desc& src_desc, const float* src, const float* filter_data,
+               const memory::desc& dst_desc, float* dst) const {
+    try {
+      dnnl::engine& eng = CpuEngine();
+      dnnl::stream stream(eng);
+      // oneDNN takes non-const handles but only reads sources.
+      std::unordered_map<int, memory> args = {
+          {DNNL_ARG_SRC, memory(src_desc, eng, const_cast<float*>(src))},
+          {DNNL_ARG_WEIGHTS, filter.Apply(stream, filter_data)},
+          {DNNL_ARG_DST, memory(dst_desc, eng, dst)}};
+      AddScratchpad(scratchpad, &args);
+      primitive.execute(stream, args);
+      stream.wait();
+    } catch (const dnnl::error&) {
+      return false;
+    }
+    return true;
+  }
 };
 
 struct PoolEntry {
@@ -165,7 +187,7 @@ struct PoolEntry {
 
 bool DnnlAvailable() { return true; }
 
-struct DnnlConv2D::Cache : PrimitiveCache<ConvEntry> {};
+struct DnnlConv2D::Cache : PrimitiveCache<FilteredPrimitive> {};
 struct DnnlPool::Cache : PrimitiveCache<PoolEntry> {};
 
 DnnlConv2D::DnnlConv2D() : cache_(new Cache) {}
@@ -174,8 +196,9 @@ DnnlConv2D::~DnnlConv2D() = default;
 bool DnnlConv2D::Run(const WindowGeometry& g, const float* in, const float* filter,
                      float* out) const {
   if (AnyEmpty(g)) return false;
+  OneOmpThread one_thread;
   auto entry = cache_->Get(GeometryKey(g), [&] {
-    auto e = std::make_shared<ConvEntry>();
+    auto e = std::make_shared<FilteredPrimitive>();
     const memory::desc user_weights = ConvFilterDesc(g);
     const memory::desc any_weights(user_weights.dims(), kF32, Tag::any);
     dnnl::convolution_forward::desc desc(
@@ -184,29 +207,14 @@ bool DnnlConv2D::Run(const WindowGeometry& g, const float* in, const float* filt
         ActivationDesc(g.batch, g.out_h, g.out_w, g.out_c), {g.stride_h, g.stride_w},
         {g.dil_h - 1, g.dil_w - 1}, {g.pad_top, g.pad_left}, {g.pad_bottom, g.pad_right});
     dnnl::convolution_forward::primitive_desc pd(desc, UserScratchpad(), CpuEngine());
-    e->conv = dnnl::convolution_forward(pd);
+    e->primitive = dnnl::convolution_forward(pd);
     e->scratchpad = pd.scratchpad_desc();
     e->filter.Init(user_weights, pd.weights_desc());
-    return std::shared_ptr<const ConvEntry>(e);
+    return std::shared_ptr<const FilteredPrimitive>(e);
   });
-  if (!entry) return false;
-  try {
-    OneOmpThread one_thread;
-    dnnl::engine& eng = CpuEngine();
-    dnnl::stream stream(eng);
-    // oneDNN takes non-const handles but only reads sources.
-    memory src(ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), eng, const_cast<float*>(in));
-    memory dst(ActivationDesc(g.batch, g.out_h, g.out_w, g.out_c), eng, out);
-    std::unordered_map<int, memory> args = {
-        {DNNL_ARG_SRC, src}, {DNNL_ARG_WEIGHTS, entry->filter.Apply(stream, filter)},
-        {DNNL_ARG_DST, dst}};
-    AddScratchpad(entry->scratchpad, &args);
-    entry->conv.execute(stream, args);
-    stream.wait();
-  } catch (const dnnl::error&) {
-    return false;
-  }
-  return true;
+  return entry != nullptr &&
+         entry->Execute(ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), in, filter,
+                        ActivationDesc(g.batch, g.out_h, g.out_w, g.out_c), out);
 }
 
 struct DnnlConvChain::Primitive {
@@ -407,13 +415,7 @@ bool DnnlConvChain::Run(const WindowGeometry& g, const float* in, float* out,
   return ok;
 }
 
-struct DeconvEntry {
-  dnnl::deconvolution_forward deconv;
-  memory::desc scratchpad;
-  FilterReorder filter;
-};
-
-struct DnnlConvTranspose::Cache : PrimitiveCache<DeconvEntry> {};
+struct DnnlConvTranspose::Cache : PrimitiveCache<FilteredPrimitive> {};
 
 DnnlConvTranspose::DnnlConvTranspose() : cache_(new Cache) {}
 DnnlConvTranspose::~DnnlConvTranspose() = default;
@@ -423,7 +425,7 @@ bool DnnlConvTranspose::Run(const WindowGeometry& g, const float* dy, const floa
   if (AnyEmpty(g) || g.groups != 1) return false;
   OneOmpThread one_thread;
   auto entry = cache_->Get(GeometryKey(g), [&] {
-    auto e = std::make_shared<DeconvEntry>();
+    auto e = std::make_shared<FilteredPrimitive>();
     // The deconvolution's output channels are the forward input's: weights
     // {in_c, out_c, k_h, k_w}, stored as TensorFlow's [k_h][k_w][in_c][out_c].
     const memory::desc user_weights(
@@ -436,27 +438,14 @@ bool DnnlConvTranspose::Run(const WindowGeometry& g, const float* dy, const floa
         ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), {g.stride_h, g.stride_w},
         {g.dil_h - 1, g.dil_w - 1}, {g.pad_top, g.pad_left}, {g.pad_bottom, g.pad_right});
     dnnl::deconvolution_forward::primitive_desc pd(desc, UserScratchpad(), CpuEngine());
-    e->deconv = dnnl::deconvolution_forward(pd);
+    e->primitive = dnnl::deconvolution_forward(pd);
     e->scratchpad = pd.scratchpad_desc();
     e->filter.Init(user_weights, pd.weights_desc());
-    return std::shared_ptr<const DeconvEntry>(e);
+    return std::shared_ptr<const FilteredPrimitive>(e);
   });
-  if (!entry) return false;
-  try {
-    dnnl::engine& eng = CpuEngine();
-    dnnl::stream stream(eng);
-    memory src(ActivationDesc(g.batch, g.out_h, g.out_w, g.out_c), eng, const_cast<float*>(dy));
-    memory dst(ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), eng, out);
-    std::unordered_map<int, memory> args = {
-        {DNNL_ARG_SRC, src}, {DNNL_ARG_WEIGHTS, entry->filter.Apply(stream, filter)},
-        {DNNL_ARG_DST, dst}};
-    AddScratchpad(entry->scratchpad, &args);
-    entry->deconv.execute(stream, args);
-    stream.wait();
-  } catch (const dnnl::error&) {
-    return false;
-  }
-  return true;
+  return entry != nullptr &&
+         entry->Execute(ActivationDesc(g.batch, g.out_h, g.out_w, g.out_c), dy, filter,
+                        ActivationDesc(g.batch, g.in_h, g.in_w, g.in_c), out);
 }
 
 DnnlPool::DnnlPool(bool max) : max_(max), cache_(new Cache) {}
