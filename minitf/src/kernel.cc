@@ -123,8 +123,6 @@ Status OpContext::set_output(int i, Tensor tensor) {
   return Status::OK();
 }
 
-int OpContext::num_threads() const { return pool_ == nullptr ? 1 : pool_->num_threads(); }
-
 void OpContext::ParallelFor(int64_t total, int64_t cost_per_unit,
                             const std::function<void(int64_t, int64_t)>& fn) const {
   // Handing a block to another thread costs several microseconds; a block

@@ -111,8 +111,6 @@ class OpContext {
   std::vector<Tensor>& outputs() { return outputs_; }
 
   ThreadPool* pool() const { return pool_; }
-  // Threads the kernel may use: the pool's size, or 1 without a pool.
-  int num_threads() const;
   // The run's memory budget (null outside a session run).
   const std::shared_ptr<MemoryBudget>& budget() const { return budget_; }
 
