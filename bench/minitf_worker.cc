@@ -19,6 +19,7 @@
 // The bench driver (bench/run_models.py) keeps one worker per runtime alive
 // and interleaves their runs, so that drift on a shared machine affects all
 // runtimes alike.
+#include <malloc.h>
 #include <tensorflow/c/c_api.h>
 
 #include <algorithm>
@@ -142,6 +143,7 @@ class Worker {
     TF_DeleteBuffer(buffer);
     Check(status.get(), "import");
     rss_after_import_kb_ = bench::ResidentKb();
+    malloc_trim(0);
     anon_after_import_kb_ = bench::AnonymousResidentKb();
     // The session's own peak, not the import's (file bytes and parsing).
     peak_reset_ = bench::ResetPeakResident();
@@ -198,6 +200,8 @@ class Worker {
     info["rss_now_kb"] = bench::ResidentKb();
     info["rss_peak_kb"] = bench::PeakResidentKb();
     info["anon_after_import_kb"] = anon_after_import_kb_;
+    // What the session holds, not what the allocator keeps of freed blocks.
+    malloc_trim(0);
     info["anon_now_kb"] = bench::AnonymousResidentKb();
     info["weights_bytes"] = WeightsBytes();
     // Counting fetches every activation once, which raises the peak; it

@@ -22,6 +22,11 @@ void OpProfile::Add(const std::string& op_type, std::chrono::nanoseconds elapsed
   e.total += elapsed;
 }
 
+void OpProfile::NoteRunPeak(int64_t bytes) {
+  std::lock_guard<std::mutex> lock(mu_);
+  largest_run_peak_ = std::max(largest_run_peak_, bytes);
+}
+
 std::string OpProfile::Report() const {
   std::lock_guard<std::mutex> lock(mu_);
   if (entries_.empty()) return "";
@@ -38,6 +43,9 @@ std::string OpProfile::Report() const {
                   static_cast<long long>(e.calls), ms, all_ms > 0 ? 100.0 * ms / all_ms : 0.0);
     out += line;
   }
+  std::snprintf(line, sizeof(line), "  largest tensor bytes one run held at once: %.2f MiB\n",
+                largest_run_peak_ / 1048576.0);
+  out += line;
   return out;
 }
 

@@ -18,6 +18,8 @@ class OpProfile {
   static bool Enabled();
 
   void Add(const std::string& op_type, std::chrono::nanoseconds elapsed);
+  // The bytes of tensors one run held at once, at its peak.
+  void NoteRunPeak(int64_t bytes);
   // The table, slowest op type first; empty when nothing was recorded.
   std::string Report() const;
 
@@ -28,6 +30,7 @@ class OpProfile {
   };
   mutable std::mutex mu_;
   std::map<std::string, Entry> entries_;
+  int64_t largest_run_peak_ = 0;
 };
 
 }  // namespace minitf

@@ -379,6 +379,7 @@ Status Session::Run(const std::vector<Feed>& feeds, const std::vector<Fetch>& fe
   }
 
   buffer_cache_->Expect(static_cast<size_t>(budget->peak()));
+  if (profile_) profile_->NoteRunPeak(budget->peak());
   outputs->clear();
   for (int slot : plan->fetch_slots) {
     const Tensor& t = slots[slot];
