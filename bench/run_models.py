@@ -130,8 +130,8 @@ def input_label(name):
         return "?"
 
 
-def fmt(v, spec="%.1f"):
-    return "-" if v is None else spec % v
+def fmt(v, pattern="%.1f"):
+    return "-" if v is None else pattern % v
 
 
 def main():

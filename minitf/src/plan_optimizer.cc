@@ -134,13 +134,13 @@ class ChainFuser {
     }
     const Tensor* filter = Constant(conv.input_slots[1]);
     if (filter == nullptr || filter->dtype() != TF_FLOAT || filter->rank() != 4) return false;
-    ConvChainSpec spec;
+    ConvChainParts parts;
     KernelInit init(n->name(), n->def.attr(), n->input_types, n->output_types);
-    if (!spec.attrs.Parse(init, TF_UNIMPLEMENTED).ok()) return false;
-    spec.conv = n;
-    spec.conv_kernel = conv.kernel;
-    spec.depthwise = depthwise;
-    spec.filter = *filter;
+    if (!parts.attrs.Parse(init, TF_UNIMPLEMENTED).ok()) return false;
+    parts.conv = n;
+    parts.conv_kernel = conv.kernel;
+    parts.depthwise = depthwise;
+    parts.filter = *filter;
     const int64_t out_c = depthwise ? filter->dim(2) * filter->dim(3) : filter->dim(3);
 
     members->assign(1, head);
@@ -162,10 +162,10 @@ class ChainFuser {
           next.input_slots[0] == value_slot) {
         const Tensor* bias = Constant(next.input_slots[1]);
         if (bias == nullptr || bias->rank() != 1 || bias->dim(0) != out_c) break;
-        spec.bias = *bias;
+        parts.bias = *bias;
         link.operands = {{ChainOperand::kChain, {}}, {ChainOperand::kConstant, *bias}};
       } else if (ActivationOf(m, &post) && next.input_slots[0] == value_slot) {
-        spec.post_ops.push_back(post);
+        parts.post_ops.push_back(post);
         link.operands = {{ChainOperand::kChain, {}}};
       } else if ((m->def.op() == "AddV2" || m->def.op() == "Add") && residual_slot < 0 &&
                  next.input_slots.size() == 2 &&
@@ -175,7 +175,7 @@ class ChainFuser {
         if (Constant(other) != nullptr) break;
         residual_slot = other;
         post.kind = ConvPostOp::kAddResidual;
-        spec.post_ops.push_back(post);
+        parts.post_ops.push_back(post);
         for (int slot : next.input_slots) {
           link.operands.push_back(
               {slot == value_slot ? ChainOperand::kChain : ChainOperand::kResidual, {}});
@@ -183,7 +183,7 @@ class ChainFuser {
       } else {
         break;
       }
-      spec.links.push_back(std::move(link));
+      parts.links.push_back(std::move(link));
       members->push_back(r);
       label += "+" + m->def.op();
       value_slot = next.first_output_slot;
@@ -195,7 +195,7 @@ class ChainFuser {
     fused->input_slots = {conv.input_slots[0]};
     if (residual_slot >= 0) fused->input_slots.push_back(residual_slot);
     fused->label = label;
-    plan_->owned_kernels.push_back(std::make_unique<ConvChainKernel>(std::move(spec)));
+    plan_->owned_kernels.push_back(std::make_unique<ConvChainKernel>(std::move(parts)));
     fused->kernel = plan_->owned_kernels.back().get();
     return true;
   }

@@ -4,13 +4,13 @@
 
 namespace minitf {
 
-ConvChainKernel::ConvChainKernel(ConvChainSpec spec)
-    : spec_(std::move(spec)),
-      fast_(spec_.filter.data<float>(), spec_.bias.valid() ? spec_.bias.data<float>() : nullptr,
-            spec_.post_ops) {}
+ConvChainKernel::ConvChainKernel(ConvChainParts parts)
+    : parts_(std::move(parts)),
+      fast_(parts_.filter.data<float>(), parts_.bias.valid() ? parts_.bias.data<float>() : nullptr,
+            parts_.post_ops) {}
 
 bool ConvChainKernel::has_residual() const {
-  for (const ConvPostOp& op : spec_.post_ops) {
+  for (const ConvPostOp& op : parts_.post_ops) {
     if (op.kind == ConvPostOp::kAddResidual) return true;
   }
   return false;
@@ -20,7 +20,7 @@ Status ConvChainKernel::Compute(OpContext* ctx) const {
   const Tensor& input = ctx->input(0);
   WindowGeometry g;
   if (input.dtype() != TF_FLOAT ||
-      !ConvGeometry(*ctx, spec_.attrs, spec_.depthwise, input, spec_.filter, &g).ok() ||
+      !ConvGeometry(*ctx, parts_.attrs, parts_.depthwise, input, parts_.filter, &g).ok() ||
       g.groups == 0) {
     return RunUnfused(ctx);
   }
@@ -63,8 +63,8 @@ Status ConvChainKernel::RunUnfused(OpContext* ctx) const {
     value = std::move(step.output(0));
     return Status::OK();
   };
-  MINITF_RETURN_IF_ERROR(run(spec_.conv, spec_.conv_kernel, {&ctx->input(0), &spec_.filter}));
-  for (const ChainLink& link : spec_.links) {
+  MINITF_RETURN_IF_ERROR(run(parts_.conv, parts_.conv_kernel, {&ctx->input(0), &parts_.filter}));
+  for (const ChainLink& link : parts_.links) {
     const Tensor so_far = value;
     std::vector<const Tensor*> inputs;
     for (const ChainOperand& operand : link.operands) {

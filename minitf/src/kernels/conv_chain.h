@@ -30,7 +30,7 @@ struct ChainLink {
   std::vector<ChainOperand> operands;
 };
 
-struct ConvChainSpec {
+struct ConvChainParts {
   const Node* conv = nullptr;  // Conv2D or DepthwiseConv2dNative, float, NHWC
   const OpKernel* conv_kernel = nullptr;
   bool depthwise = false;
@@ -44,14 +44,14 @@ struct ConvChainSpec {
 // Inputs: 0 the convolution's input, 1 the residual when the chain adds one.
 class ConvChainKernel : public OpKernel {
  public:
-  explicit ConvChainKernel(ConvChainSpec spec);
+  explicit ConvChainKernel(ConvChainParts parts);
   Status Compute(OpContext* ctx) const override;
 
  private:
   Status RunUnfused(OpContext* ctx) const;
   bool has_residual() const;
 
-  ConvChainSpec spec_;
+  ConvChainParts parts_;
   DnnlConvChain fast_;
 };
 
