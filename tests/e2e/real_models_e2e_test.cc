@@ -76,8 +76,8 @@ class LibraryModel {
 
 Image AsImage(cv::Mat& bgr) { return Image{bgr.cols, bgr.rows, bgr.data, 3}; }
 
-std::vector<float> Keypoints(void* model, cv::Mat& bgr) {
-  ProcessResult* r = PredictVector(model, AsImage(bgr));
+// The values of a vector answer; result and payload are disposed.
+std::vector<float> Vector(ProcessResult* r) {
   std::vector<float> out;
   EXPECT_EQ(r->error->code, 0) << (r->error->message ? r->error->message : "");
   auto* v = static_cast<FloatVector*>(r->payload);
@@ -85,6 +85,10 @@ std::vector<float> Keypoints(void* model, cv::Mat& bgr) {
   DisposeFloatVector(v);
   DisposeProcessResult(r);
   return out;
+}
+
+std::vector<float> Keypoints(void* model, cv::Mat& bgr) {
+  return Vector(PredictVector(model, AsImage(bgr)));
 }
 
 std::vector<NativeBoundingBox> Faces(void* model, cv::Mat& bgr, float score, float overlap) {
@@ -261,16 +265,6 @@ cv::Mat FaceCrop(const cv::Mat& picture, const NativeBoundingBox& face, float gr
   cv::Mat crop;
   cv::resize(picture(square), crop, cv::Size(side, side), 0, 0, cv::INTER_AREA);
   return crop;
-}
-
-std::vector<float> Vector(ProcessResult* r) {
-  std::vector<float> out;
-  EXPECT_EQ(r->error->code, 0) << (r->error->message ? r->error->message : "");
-  auto* v = static_cast<FloatVector*>(r->payload);
-  if (v != nullptr) out.assign(v->values, v->values + v->count);
-  DisposeFloatVector(v);
-  DisposeProcessResult(r);
-  return out;
 }
 
 // Crops of equal size, back to back, as one batch.
