@@ -117,10 +117,9 @@ std::vector<NativeBoundingBox> FaceDetectorProcessor::ParseBoxes(int count, cons
 
 std::vector<size_t> FaceDetectorProcessor::SortBoxIndexes(
     const std::vector<NativeBoundingBox>& boxes) {
-  std::vector<size_t> order = DetectorCommon::Indexes(boxes.size());
-  std::stable_sort(order.begin(), order.end(),
-                   [&](size_t a, size_t b) { return boxes[a].score < boxes[b].score; });
-  return order;
+  return DetectorCommon::StableOrder(
+      boxes.size(), [&](size_t i) { return boxes[i].score; },
+      [](float a, float b) { return a < b; });
 }
 
 float FaceDetectorProcessor::GetIntersectionRatio(const NativeBoundingBox& a,

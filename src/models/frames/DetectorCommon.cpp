@@ -113,7 +113,7 @@ TouchIndex::TouchIndex(const std::vector<Rect>& rects) : rects_(rects), span_(re
   double side = 1.0;
   if (!sides.empty()) {
     std::nth_element(sides.begin(), sides.begin() + sides.size() / 2, sides.end());
-    side = sides[sides.size() / 2] / 2.0;
+    side = sides[sides.size() / 2];
     if (!(side > 0.0) || !std::isfinite(side)) side = 1.0;
   }
   const double cellLimit = 4.0 * static_cast<double>(gridded.size()) + 16.0;

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -26,6 +27,24 @@ float Sigmoid(float term);
 
 // 0, 1, ..., count - 1: the identity order that suppression sorts.
 std::vector<size_t> Indexes(size_t count);
+
+// Indexes 0 .. count - 1, stably sorted so that i precedes j when
+// before(key(i), key(j)): the same order as stable-sorting Indexes(count)
+// on those keys. Each key is read once and sorted beside its index, so a
+// sort of 100,000 boxes does not chase indexes through the boxes.
+template <typename Key, typename Before>
+std::vector<size_t> StableOrder(size_t count, Key&& key, Before&& before) {
+  using Value = decltype(key(size_t{0}));
+  std::vector<std::pair<Value, size_t>> keyed(count);
+  for (size_t i = 0; i < count; ++i) keyed[i] = {key(i), i};
+  std::stable_sort(keyed.begin(), keyed.end(),
+                   [&](const std::pair<Value, size_t>& a, const std::pair<Value, size_t>& b) {
+                     return before(a.first, b.first);
+                   });
+  std::vector<size_t> order(count);
+  for (size_t i = 0; i < count; ++i) order[i] = keyed[i].second;
+  return order;
+}
 
 // Float to int the way x86 truncates: toward zero, and INT32_MIN for NaN
 // or values outside the int range (a C++ cast would be undefined there).

@@ -96,20 +96,16 @@ float ClassScore(const BoundingBoxClasses& candidate, int classIndex) {
 }
 
 std::vector<size_t> SortBoxIndexes(const std::vector<BoundingBoxClasses>& candidates) {
-  std::vector<size_t> order = DetectorCommon::Indexes(candidates.size());
-  std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
-    return candidates[a].objectness > candidates[b].objectness;
-  });
-  return order;
+  return DetectorCommon::StableOrder(
+      candidates.size(), [&](size_t i) { return candidates[i].objectness; },
+      [](float a, float b) { return a > b; });
 }
 
 std::vector<size_t> SortBoxIndexes(const std::vector<BoundingBoxClasses>& candidates,
                                    int classIndex) {
-  std::vector<size_t> order = DetectorCommon::Indexes(candidates.size());
-  std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
-    return ClassScore(candidates[a], classIndex) > ClassScore(candidates[b], classIndex);
-  });
-  return order;
+  return DetectorCommon::StableOrder(
+      candidates.size(), [&](size_t i) { return ClassScore(candidates[i], classIndex); },
+      [](float a, float b) { return a > b; });
 }
 
 float GetIntersectionRatio(const BoundingBoxClasses& a, const BoundingBoxClasses& b) {

@@ -91,14 +91,10 @@ void QueueMultiBox3Processor::FetchFromArrayOfArrays(std::vector<BoundingBoxClas
 
 std::vector<size_t> QueueMultiBox3Processor::SortBoxIndexes(
     const std::vector<BoundingBoxClasses>& candidates, int classIndex) {
-  std::vector<float> scores(candidates.size());
-  for (size_t i = 0; i < candidates.size(); ++i) {
-    scores[i] = MultiBoxDetectorCommon::ClassScore(candidates[i], classIndex);
-  }
-  std::vector<size_t> order = DetectorCommon::Indexes(candidates.size());
-  std::stable_sort(order.begin(), order.end(),
-                   [&](size_t a, size_t b) { return scores[a] < scores[b]; });
-  return order;
+  return DetectorCommon::StableOrder(
+      candidates.size(),
+      [&](size_t i) { return MultiBoxDetectorCommon::ClassScore(candidates[i], classIndex); },
+      [](float a, float b) { return a < b; });
 }
 
 void QueueMultiBox3Processor::RemoveOverlappingBoxes(std::vector<BoundingBoxClasses>& candidates,
