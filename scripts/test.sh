@@ -39,9 +39,11 @@ echo "== ThreadSanitizer build of the runtime's concurrency tests"
 # oneDNN runs on OpenMP, whose synchronisation TSan cannot see; should it
 # report inside libgomp, tests/tsan.supp names that runtime and nothing else.
 cmake -S "$root" -B "$root/build-tsan" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVA_TSAN=ON >/dev/null
-ninja -C "$root/build-tsan" -j"$(nproc)" minitf_tests
-TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$root/tests/tsan.supp" \
-  "$root/build-tsan/tests/minitf_tests" \
+ninja -C "$root/build-tsan" -j"$(nproc)" minitf_tests va_tests
+export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$root/tests/tsan.supp"
+# Eight host threads on one model, through the library's C functions.
+"$root/build-tsan/tests/va_tests" --gtest_filter='LibraryConcurrency.*'
+"$root/build-tsan/tests/minitf_tests" \
   --gtest_filter='SessionTest.ManyThreadsRunOneSession:SessionTest.ConcurrentRunsShareOneStatus:SessionTest.ManySessionsShareOneGraph:DnnlDifferentialTest.ConcurrentRunsShareOneKernel:SessionTest.ThreadCountsAreHonouredWithoutChangingResults:ConvChainEdgeTest.ManyThreadsShareOneFusedPlan:DnnlDifferentialTest.FusedChainMatchesReferenceSteps'
 
 echo "== bounded fuzzing (30 s per target)"
