@@ -136,4 +136,13 @@ void OpContext::ParallelFor(int64_t total, int64_t cost_per_unit,
   pool_->ParallelFor(total, min_block, fn);
 }
 
+void RunParallel(const OpContext* ctx, int64_t total, int64_t cost_per_unit,
+                 const std::function<void(int64_t, int64_t)>& fn) {
+  if (ctx != nullptr) {
+    ctx->ParallelFor(total, cost_per_unit, fn);
+  } else if (total > 0) {
+    fn(0, total);
+  }
+}
+
 }  // namespace minitf

@@ -147,6 +147,11 @@ class OpKernel {
   virtual Status Compute(OpContext* ctx) const = 0;
 };
 
+// OpContext::ParallelFor on ctx, or fn(0, total) inline when ctx is null
+// (tests call the reference loops directly).
+void RunParallel(const OpContext* ctx, int64_t total, int64_t cost_per_unit,
+                 const std::function<void(int64_t, int64_t)>& fn);
+
 using KernelFactory = Status (*)(const KernelInit& init,
                                  std::unique_ptr<OpKernel>* kernel);
 

@@ -19,6 +19,7 @@ const OpRegistry& OpRegistry::Global() {
     RegisterSliceOps(*r);
     RegisterTransposeOps(*r);
     RegisterFillOps(*r);
+    RegisterPadOps(*r);
     RegisterGatherOps(*r);
     RegisterMatMulOps(*r);
     RegisterConvOps(*r);

@@ -32,42 +32,86 @@ class OpRegistry {
   std::map<std::string, OpRegistration> ops_;
 };
 
-// One per op family, each in its file under kernels/.
-void RegisterGraphOps(OpRegistry& r);      // Placeholder, Const, Identity, NoOp, ...
+// One per op family, each in its file under kernels/ (the comment above each
+// names the file and every op it registers). The fused convolution step
+// (kernels/conv_chain.cc) is made by the plan optimiser and not registered.
+// graph_ops.cc: Placeholder, PlaceholderWithDefault, Const, Identity, IdentityN, Snapshot,
+//   StopGradient, NoOp
+void RegisterGraphOps(OpRegistry& r);
+// cast.cc: Cast
 void RegisterCastOps(OpRegistry& r);
-void RegisterBinaryOps(OpRegistry& r);     // Add, Sub, Mul, RealDiv, Maximum, ...
-void RegisterUnaryOps(OpRegistry& r);      // Neg, Exp, Sigmoid, Tanh, ...
-void RegisterActivationOps(OpRegistry& r); // Relu, Relu6, Softmax
-void RegisterReductionOps(OpRegistry& r);  // Sum, Mean, Max, ArgMax
-void RegisterShapeOps(OpRegistry& r);      // Reshape, Shape, Size, Rank, ExpandDims, Squeeze
-void RegisterConcatOps(OpRegistry& r);     // Pack, Unpack, ConcatV2
-void RegisterSliceOps(OpRegistry& r);      // Slice, StridedSlice
+// binary.cc: Add, AddV2, Sub, Mul, Div, RealDiv, FloorDiv, FloorMod, Pow, Maximum, Minimum,
+//   SquaredDifference, Atan2; Equal, NotEqual, Less, LessEqual, Greater, GreaterEqual; LogicalAnd,
+//   LogicalOr; BitwiseAnd, BitwiseOr, BitwiseXor, LeftShift, RightShift
+void RegisterBinaryOps(OpRegistry& r);
+// unary.cc: Abs, Neg, Sign, Square, Sqrt, Rsqrt, Reciprocal, Exp, Log, Sin, Cos, Erf, Sigmoid,
+//   Tanh, Softplus, Softsign, Floor, Ceil, Round; IsNan, IsFinite, LogicalNot
+void RegisterUnaryOps(OpRegistry& r);
+// activation.cc: Relu, Relu6, Elu, Selu, LeakyRelu, Softmax, LogSoftmax
+void RegisterActivationOps(OpRegistry& r);
+// reduction.cc: Sum, Mean, Prod, Max, Min, All, Any, ArgMax, ArgMin, L2Loss
+void RegisterReductionOps(OpRegistry& r);
+// shape.cc: Shape, Size, Rank, Reshape, ExpandDims, Squeeze
+void RegisterShapeOps(OpRegistry& r);
+// concat.cc: ConcatV2, Concat, Pack, Unpack, Split, SplitV
+void RegisterConcatOps(OpRegistry& r);
+// slice.cc: Slice, StridedSlice
+void RegisterSliceOps(OpRegistry& r);
+// transpose.cc: Transpose, ReverseV2
 void RegisterTransposeOps(OpRegistry& r);
-void RegisterFillOps(OpRegistry& r);       // Fill, Range, Tile
-void RegisterGatherOps(OpRegistry& r);     // GatherV2
-void RegisterMatMulOps(OpRegistry& r);     // MatMul, BiasAdd
-void RegisterConvOps(OpRegistry& r);       // Conv2D
-void RegisterPoolingOps(OpRegistry& r);    // MaxPool
-void RegisterImageOps(OpRegistry& r);      // ResizeBilinear, CropAndResize
+// fill.cc: Fill, Range, ZerosLike, OnesLike, Tile
+void RegisterFillOps(OpRegistry& r);
+// pad.cc: Pad, PadV2, MirrorPad
+void RegisterPadOps(OpRegistry& r);
+// gather.cc: GatherV2, Gather, GatherNd
+void RegisterGatherOps(OpRegistry& r);
+// matmul.cc: MatMul, BatchMatMul, BatchMatMulV2, BiasAdd, BiasAddV1
+void RegisterMatMulOps(OpRegistry& r);
+// conv.cc: Conv2D, DepthwiseConv2dNative
+void RegisterConvOps(OpRegistry& r);
+// pooling.cc: MaxPool, AvgPool
+void RegisterPoolingOps(OpRegistry& r);
+// image.cc: ResizeBilinear, ResizeBicubic, ResizeNearestNeighbor, CropAndResize
+void RegisterImageOps(OpRegistry& r);
+// add_n.cc: AddN
 void RegisterAddNOps(OpRegistry& r);
-void RegisterConvTransposeOps(OpRegistry& r);  // Conv2DBackpropInput
-void RegisterDepthToSpaceOps(OpRegistry& r);   // DepthToSpace, SpaceToDepth
+// conv_transpose.cc: Conv2DBackpropInput
+void RegisterConvTransposeOps(OpRegistry& r);
+// depth_to_space.cc: DepthToSpace, SpaceToDepth
+void RegisterDepthToSpaceOps(OpRegistry& r);
+// sparse_to_dense.cc: SparseToDense
 void RegisterSparseToDenseOps(OpRegistry& r);
-void RegisterTopKOps(OpRegistry& r);           // TopKV2, TopK
-void RegisterControlFlowOps(OpRegistry& r);    // Switch, Merge, Enter, Exit, NextIteration, LoopCond
-void RegisterTensorArrayOps(OpRegistry& r);    // TensorArrayV3 and its Read, Write, ... V3
-void RegisterBatchNormOps(OpRegistry& r);      // FusedBatchNorm, V2, V3
-void RegisterSpaceToBatchOps(OpRegistry& r);   // SpaceToBatchND, BatchToSpaceND
+// topk.cc: TopKV2, TopK
+void RegisterTopKOps(OpRegistry& r);
+// control_flow_ops.cc: Switch, Merge, Enter, Exit, NextIteration, LoopCond
+void RegisterControlFlowOps(OpRegistry& r);
+// tensor_array.cc: TensorArrayV3 and its Read, Write, Gather, Scatter, Concat, Split, Size and
+//   Close V3
+void RegisterTensorArrayOps(OpRegistry& r);
+// batch_norm.cc: FusedBatchNorm, FusedBatchNormV2, FusedBatchNormV3
+void RegisterBatchNormOps(OpRegistry& r);
+// space_to_batch.cc: SpaceToBatchND, BatchToSpaceND
+void RegisterSpaceToBatchOps(OpRegistry& r);
+// dequantize.cc: Dequantize
 void RegisterDequantizeOps(OpRegistry& r);
-void RegisterLoggingOps(OpRegistry& r);        // Assert, Print, PrintV2
-void RegisterNmsOps(OpRegistry& r);            // NonMaxSuppressionV2..V5
+// logging_ops.cc: Assert, Print, PrintV2
+void RegisterLoggingOps(OpRegistry& r);
+// nms.cc: NonMaxSuppressionV2, V3, V4, V5
+void RegisterNmsOps(OpRegistry& r);
+// where.cc: Where
 void RegisterWhereOps(OpRegistry& r);
-void RegisterSelectOps(OpRegistry& r);         // Select, SelectV2, ClipByValue
-void RegisterScanOps(OpRegistry& r);           // Cumsum
-void RegisterBroadcastOps(OpRegistry& r);      // BroadcastTo, BroadcastArgs
+// select.cc: Select, SelectV2, ClipByValue
+void RegisterSelectOps(OpRegistry& r);
+// scan.cc: Cumsum
+void RegisterScanOps(OpRegistry& r);
+// broadcast_to.cc: BroadcastTo, BroadcastArgs
+void RegisterBroadcastOps(OpRegistry& r);
+// unique.cc: Unique
 void RegisterUniqueOps(OpRegistry& r);
-void RegisterWindow3DOps(OpRegistry& r);        // Conv3D, MaxPool3D, AvgPool3D
-void RegisterEinsumOps(OpRegistry& r);          // Einsum (two-operand matrix forms)
+// window3d.cc: Conv3D, MaxPool3D, AvgPool3D
+void RegisterWindow3DOps(OpRegistry& r);
+// einsum.cc: Einsum (two-operand matrix forms)
+void RegisterEinsumOps(OpRegistry& r);
 
 }  // namespace minitf
 

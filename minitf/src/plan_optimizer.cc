@@ -141,13 +141,13 @@ class ChainFuser {
     }
     const Tensor* filter = Constant(conv.input_slots[1]);
     if (filter == nullptr || filter->dtype() != TF_FLOAT || filter->rank() != 4) return false;
-    ConvChainParts parts;
+    ConvChainDef chain;
     KernelInit init(n->name(), n->def.attr(), n->input_types, n->output_types);
-    if (!parts.attrs.Parse(init, TF_UNIMPLEMENTED).ok()) return false;
-    parts.conv = n;
-    parts.conv_kernel = conv.kernel;
-    parts.depthwise = depthwise;
-    parts.filter = *filter;
+    if (!chain.attrs.Parse(init, TF_UNIMPLEMENTED).ok()) return false;
+    chain.conv = n;
+    chain.conv_kernel = conv.kernel;
+    chain.depthwise = depthwise;
+    chain.filter = *filter;
     const int64_t out_c = depthwise ? filter->dim(2) * filter->dim(3) : filter->dim(3);
 
     members->assign(1, head);
@@ -155,7 +155,7 @@ class ChainFuser {
     int value_slot = conv.first_output_slot;
     int input_slot = conv.input_slots[0];
     int residual_slot = -1;
-    MatchDilatedPattern(head, removed, &parts, members, &label, &input_slot, &value_slot);
+    MatchDilatedPattern(head, removed, &chain, members, &label, &input_slot, &value_slot);
     // A bias first, batch norms before any activation, then activations and
     // at most one residual addition.
     for (bool first = true;; first = false) {
@@ -172,15 +172,15 @@ class ChainFuser {
           next.input_slots[0] == value_slot) {
         const Tensor* bias = Constant(next.input_slots[1]);
         if (bias == nullptr || bias->rank() != 1 || bias->dim(0) != out_c) break;
-        parts.bias = *bias;
+        chain.bias = *bias;
         link.operands = {{ChainOperand::kChain, {}}, {ChainOperand::kConstant, *bias}};
-      } else if (next.input_slots[0] == value_slot && FoldBatchNorm(next, r, out_c, &parts)) {
+      } else if (next.input_slots[0] == value_slot && FoldBatchNorm(next, r, out_c, &chain)) {
         link.operands = {{ChainOperand::kChain, {}}};
         for (int i = 1; i <= 4; ++i) {
           link.operands.push_back({ChainOperand::kConstant, *Constant(next.input_slots[i])});
         }
       } else if (ActivationOf(m, &post) && next.input_slots[0] == value_slot) {
-        parts.post_ops.push_back(post);
+        chain.post_ops.push_back(post);
         link.operands = {{ChainOperand::kChain, {}}};
       } else if ((m->def.op() == "AddV2" || m->def.op() == "Add") && residual_slot < 0 &&
                  next.input_slots.size() == 2 &&
@@ -190,7 +190,7 @@ class ChainFuser {
         if (Constant(other) != nullptr) break;
         residual_slot = other;
         post.kind = ConvPostOp::kAddResidual;
-        parts.post_ops.push_back(post);
+        chain.post_ops.push_back(post);
         for (int slot : next.input_slots) {
           link.operands.push_back(
               {slot == value_slot ? ChainOperand::kChain : ChainOperand::kResidual, {}});
@@ -198,7 +198,7 @@ class ChainFuser {
       } else {
         break;
       }
-      parts.links.push_back(std::move(link));
+      chain.links.push_back(std::move(link));
       members->push_back(r);
       label += "+" + m->def.op();
       value_slot = next.first_output_slot;
@@ -210,7 +210,7 @@ class ChainFuser {
     fused->input_slots = {input_slot};
     if (residual_slot >= 0) fused->input_slots.push_back(residual_slot);
     fused->label = label;
-    plan_->owned_kernels.push_back(std::make_unique<ConvChainKernel>(std::move(parts)));
+    plan_->owned_kernels.push_back(std::make_unique<ConvChainKernel>(std::move(chain)));
     fused->kernel = plan_->owned_kernels.back().get();
     return true;
   }
@@ -239,7 +239,7 @@ class ChainFuser {
   // constant blocks, paddings and crops that is one convolution with that
   // dilation and explicit padding (paddings minus crops). Fills the chain's
   // first links and geometry; `value_slot` becomes BatchToSpaceND's output.
-  bool MatchDilatedPattern(int head, const std::vector<bool>& removed, ConvChainParts* parts,
+  bool MatchDilatedPattern(int head, const std::vector<bool>& removed, ConvChainDef* chain,
                            std::vector<int>* members, std::string* label, int* input_slot,
                            int* value_slot) {
     const Plan::Step& conv = plan_->steps[head];
@@ -263,7 +263,7 @@ class ChainFuser {
         block.size() != 2 || block != block2 || pads.size() != 4 || crops.size() != 4) {
       return false;
     }
-    const WindowAttrs& a = parts->attrs;
+    const WindowAttrs& a = chain->attrs;
     if (a.padding != Padding::kValid || a.stride_h != 1 || a.stride_w != 1 || a.dil_h != 1 ||
         a.dil_w != 1) {
       return false;
@@ -289,26 +289,26 @@ class ChainFuser {
         pads[2] > (int64_t{1} << 30) || pads[3] > (int64_t{1} << 30)) {
       return false;
     }
-    parts->attrs = dilated;
-    parts->needs_divisible = true;
-    parts->block_h = block[0];
-    parts->block_w = block[1];
-    parts->pad_h = pads[0] + pads[1];
-    parts->pad_w = pads[2] + pads[3];
+    chain->attrs = dilated;
+    chain->needs_divisible = true;
+    chain->block_h = block[0];
+    chain->block_w = block[1];
+    chain->pad_h = pads[0] + pads[1];
+    chain->pad_w = pads[2] + pads[3];
     ChainLink pre;
     pre.node = stb.node;
     pre.kernel = stb.kernel;
     pre.operands = {{ChainOperand::kChain, {}},
                     {ChainOperand::kConstant, *Constant(stb.input_slots[1])},
                     {ChainOperand::kConstant, *Constant(stb.input_slots[2])}};
-    parts->pre_links.push_back(std::move(pre));
+    chain->pre_links.push_back(std::move(pre));
     ChainLink post;
     post.node = bts.node;
     post.kernel = bts.kernel;
     post.operands = {{ChainOperand::kChain, {}},
                      {ChainOperand::kConstant, *Constant(bts.input_slots[1])},
                      {ChainOperand::kConstant, *Constant(bts.input_slots[2])}};
-    parts->links.push_back(std::move(post));
+    chain->links.push_back(std::move(post));
     members->insert(members->begin(), p->second);
     members->push_back(r);
     *label = "SpaceToBatchND+" + *label + "+BatchToSpaceND";
@@ -319,10 +319,10 @@ class ChainFuser {
 
   // Folds an inference batch norm with constant parameters into the filter
   // and bias of the chain (which has no activation yet).
-  bool FoldBatchNorm(const Plan::Step& bn, int index, int64_t out_c, ConvChainParts* parts) {
+  bool FoldBatchNorm(const Plan::Step& bn, int index, int64_t out_c, ConvChainDef* chain) {
     const Node* m = bn.node;
     if (m->def.op().rfind("FusedBatchNorm", 0) != 0 || bn.input_slots.size() != 5 ||
-        !parts->post_ops.empty() || !OnlyFirstOutputUsed(index)) {
+        !chain->post_ops.empty() || !OnlyFirstOutputUsed(index)) {
       return false;
     }
     KernelInit init(m->name(), m->def.attr(), m->input_types, m->output_types);
@@ -339,7 +339,7 @@ class ChainFuser {
     std::vector<float> mul(out_c), add(out_c);
     BatchNormFactors(p[0]->data<float>(), p[1]->data<float>(), p[2]->data<float>(),
                      p[3]->data<float>(), attrs.epsilon, out_c, mul.data(), add.data());
-    const Tensor& source = parts->fused_filter.valid() ? parts->fused_filter : parts->filter;
+    const Tensor& source = chain->fused_filter.valid() ? chain->fused_filter : chain->filter;
     Tensor filter, bias;
     if (!Tensor::Allocate(TF_FLOAT, source.shape(), &filter).ok() ||
         !Tensor::Allocate(TF_FLOAT, Shape({out_c}), &bias).ok()) {
@@ -348,12 +348,12 @@ class ChainFuser {
     const float* w = source.data<float>();
     float* fw = filter.data<float>();
     for (int64_t i = 0; i < source.num_elements(); ++i) fw[i] = w[i] * mul[i % out_c];
-    const float* old_bias = parts->bias.valid() ? parts->bias.data<float>() : nullptr;
+    const float* old_bias = chain->bias.valid() ? chain->bias.data<float>() : nullptr;
     for (int64_t c = 0; c < out_c; ++c) {
       bias.data<float>()[c] = (old_bias ? old_bias[c] : 0.0f) * mul[c] + add[c];
     }
-    parts->fused_filter = filter;
-    parts->bias = bias;
+    chain->fused_filter = filter;
+    chain->bias = bias;
     return true;
   }
 

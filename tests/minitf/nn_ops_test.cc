@@ -10,9 +10,13 @@
 #include <random>
 #include <thread>
 
-#include "kernels/conv_util.h"
-#include "kernels/dnnl_ops.h"
+#include "kernels/dnnl/conv.h"
+#include "kernels/dnnl/conv_chain.h"
+#include "kernels/dnnl/conv_transpose.h"
+#include "kernels/dnnl/gemm.h"
+#include "kernels/dnnl/pool.h"
 #include "kernels/reference_ops.h"
+#include "kernels/window_geometry.h"
 #include "thread_pool.h"
 #include "one_op.h"
 

@@ -1,7 +1,7 @@
 // 2-D convolutions over NHWC images: regular and depthwise. Both run on the
 // grouped-convolution loops, depthwise as one group per input channel.
-#include "kernels/conv_util.h"
-#include "kernels/dnnl_ops.h"
+#include "kernels/window_geometry.h"
+#include "kernels/dnnl/conv.h"
 #include "kernels/reference_ops.h"
 #include "op_registry.h"
 

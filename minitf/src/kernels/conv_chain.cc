@@ -4,13 +4,13 @@
 
 namespace minitf {
 
-ConvChainKernel::ConvChainKernel(ConvChainParts parts)
-    : parts_(std::move(parts)),
-      fast_((parts_.fused_filter.valid() ? parts_.fused_filter : parts_.filter).data<float>(), parts_.bias.valid() ? parts_.bias.data<float>() : nullptr,
-            parts_.post_ops) {}
+ConvChainKernel::ConvChainKernel(ConvChainDef def)
+    : def_(std::move(def)),
+      fast_((def_.fused_filter.valid() ? def_.fused_filter : def_.filter).data<float>(), def_.bias.valid() ? def_.bias.data<float>() : nullptr,
+            def_.post_ops) {}
 
 bool ConvChainKernel::has_residual() const {
-  for (const ConvPostOp& op : parts_.post_ops) {
+  for (const ConvPostOp& op : def_.post_ops) {
     if (op.kind == ConvPostOp::kAddResidual) return true;
   }
   return false;
@@ -31,13 +31,13 @@ Status ConvChainKernel::ComputeValue(OpContext* ctx) const {
   const Tensor& input = ctx->input(0);
   WindowGeometry g;
   if (input.dtype() != TF_FLOAT ||
-      !ConvGeometry(*ctx, parts_.attrs, parts_.depthwise, input, parts_.filter, &g).ok() ||
+      !ConvGeometry(*ctx, def_.attrs, def_.depthwise, input, def_.filter, &g).ok() ||
       g.groups == 0) {
     return RunUnfused(ctx);
   }
-  if (parts_.needs_divisible &&
-      ((g.in_h + parts_.pad_h) % parts_.block_h != 0 ||
-       (g.in_w + parts_.pad_w) % parts_.block_w != 0)) {
+  if (def_.needs_divisible &&
+      ((g.in_h + def_.pad_h) % def_.block_h != 0 ||
+       (g.in_w + def_.pad_w) % def_.block_w != 0)) {
     return RunUnfused(ctx);
   }
   Shape out_shape;
@@ -101,10 +101,10 @@ Status ConvChainKernel::RunUnfused(OpContext* ctx) const {
     return Status::OK();
   };
   value = ctx->input(0);
-  MINITF_RETURN_IF_ERROR(run_links(parts_.pre_links));
+  MINITF_RETURN_IF_ERROR(run_links(def_.pre_links));
   const Tensor conv_input = value;
-  MINITF_RETURN_IF_ERROR(run(parts_.conv, parts_.conv_kernel, {&conv_input, &parts_.filter}));
-  MINITF_RETURN_IF_ERROR(run_links(parts_.links));
+  MINITF_RETURN_IF_ERROR(run(def_.conv, def_.conv_kernel, {&conv_input, &def_.filter}));
+  MINITF_RETURN_IF_ERROR(run_links(def_.links));
   return ctx->set_output(0, std::move(value));
 }
 

@@ -11,8 +11,8 @@
 
 #include "graph.h"
 #include "kernel.h"
-#include "kernels/conv_util.h"
-#include "kernels/dnnl_ops.h"
+#include "kernels/dnnl/conv_chain.h"
+#include "kernels/window_geometry.h"
 
 namespace minitf {
 
@@ -30,7 +30,10 @@ struct ChainLink {
   std::vector<ChainOperand> operands;
 };
 
-struct ConvChainParts {
+// Everything a fused step needs, found by the plan optimiser: the
+// convolution, what it absorbs before and after, and the constants the
+// fused path uses instead of the nodes' own.
+struct ConvChainDef {
   const Node* conv = nullptr;  // Conv2D or DepthwiseConv2dNative, float, NHWC
   const OpKernel* conv_kernel = nullptr;
   bool depthwise = false;
@@ -54,7 +57,7 @@ struct ConvChainParts {
 // Inputs: 0 the convolution's input, 1 the residual when the chain adds one.
 class ConvChainKernel : public OpKernel {
  public:
-  explicit ConvChainKernel(ConvChainParts parts);
+  explicit ConvChainKernel(ConvChainDef def);
   Status Compute(OpContext* ctx) const override;
 
  private:
@@ -62,7 +65,7 @@ class ConvChainKernel : public OpKernel {
   Status RunUnfused(OpContext* ctx) const;
   bool has_residual() const;
 
-  ConvChainParts parts_;
+  ConvChainDef def_;
   DnnlConvChain fast_;
 };
 

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "kernels/array_helpers.h"
-#include "kernels/conv_util.h"
-#include "kernels/dnnl_ops.h"
+#include "kernels/window_geometry.h"
+#include "kernels/dnnl/conv_transpose.h"
 #include "kernels/reference_ops.h"
 #include "op_registry.h"
 

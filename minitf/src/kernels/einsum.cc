@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "kernels/array_helpers.h"
-#include "kernels/dnnl_ops.h"
+#include "kernels/dnnl/gemm.h"
 #include "kernels/reference_ops.h"
 #include "op_registry.h"
 

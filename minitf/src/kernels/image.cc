@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "kernels/array_helpers.h"
-#include "kernels/conv_util.h"
 #include "op_registry.h"
 
 namespace minitf {

@@ -1,8 +1,9 @@
 // Matrix products and bias addition.
 #include <vector>
 
-#include "kernels/dnnl_ops.h"
+#include "kernels/dnnl/gemm.h"
 #include "kernels/reference_ops.h"
+#include "kernels/wrap_arith.h"
 #include "op_registry.h"
 
 namespace minitf {
@@ -190,12 +191,12 @@ class BiasAddKernel : public OpKernel {
           const T* src = in + u * row;
           T* dst = o + u * row;
           if (inner == 1) {
-            for (int64_t c = 0; c < channels; ++c) dst[c] = reference::Add(src[c], b[c]);
+            for (int64_t c = 0; c < channels; ++c) dst[c] = WrapAdd(src[c], b[c]);
             continue;
           }
           for (int64_t c = 0; c < channels; ++c) {
             for (int64_t i = c * inner; i < (c + 1) * inner; ++i) {
-              dst[i] = reference::Add(src[i], b[c]);
+              dst[i] = WrapAdd(src[i], b[c]);
             }
           }
         }

@@ -1,6 +1,6 @@
 // Max and average pooling over NHWC images.
-#include "kernels/conv_util.h"
-#include "kernels/dnnl_ops.h"
+#include "kernels/window_geometry.h"
+#include "kernels/dnnl/pool.h"
 #include "kernels/reference_ops.h"
 #include "op_registry.h"
 

@@ -9,19 +9,14 @@
 #include <type_traits>
 #include <vector>
 
-#include "kernels/conv_util.h"
+#include "kernels/window_geometry.h"
+#include "kernels/wrap_arith.h"
 
 namespace minitf {
 namespace reference {
 
 // acc + a * b; integers wrap around as TensorFlow's do instead of
-// overflowing into undefined behaviour.
-// Narrow types are widened to unsigned int first, as uint16 * uint16 would
-// otherwise be promoted to a signed int and overflow.
-template <typename T>
-using WrapType = std::conditional_t<(sizeof(T) < sizeof(unsigned)), unsigned,
-                                    std::make_unsigned_t<T>>;
-
+// overflowing into undefined behaviour (see WrapType).
 template <typename T>
 inline T MulAdd(T acc, T a, T b) {
   if constexpr (std::is_integral_v<T>) {
@@ -29,16 +24,6 @@ inline T MulAdd(T acc, T a, T b) {
     return static_cast<T>(static_cast<U>(acc) + static_cast<U>(a) * static_cast<U>(b));
   } else {
     return acc + a * b;
-  }
-}
-
-template <typename T>
-inline T Add(T a, T b) {
-  if constexpr (std::is_integral_v<T>) {
-    using U = WrapType<T>;
-    return static_cast<T>(static_cast<U>(a) + static_cast<U>(b));
-  } else {
-    return a + b;
   }
 }
 

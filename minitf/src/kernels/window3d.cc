@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "kernels/conv_util.h"
 #include "op_registry.h"
 
 namespace minitf {

@@ -1,10 +1,9 @@
 // Window geometry shared by the NHWC sliding-window ops (convolutions and
 // pooling): attribute parsing, TensorFlow's output-size and padding rules.
-#ifndef MINITF_KERNELS_CONV_UTIL_H_
-#define MINITF_KERNELS_CONV_UTIL_H_
+#ifndef MINITF_KERNELS_WINDOW_GEOMETRY_H_
+#define MINITF_KERNELS_WINDOW_GEOMETRY_H_
 
 #include <cstdint>
-#include <functional>
 
 #include "kernel.h"
 
@@ -49,11 +48,6 @@ Status ComputeWindow(const OpContext& ctx, const WindowAttrs& attrs, WindowGeome
 Status ConvGeometry(const OpContext& ctx, const WindowAttrs& attrs, bool depthwise,
                     const Tensor& input, const Tensor& filter, WindowGeometry* g);
 
-// Runs fn over [0, total) on ctx's pool, or inline when ctx is null (tests
-// call the reference loops directly).
-void RunParallel(const OpContext* ctx, int64_t total, int64_t cost_per_unit,
-                 const std::function<void(int64_t, int64_t)>& fn);
-
 }  // namespace minitf
 
-#endif  // MINITF_KERNELS_CONV_UTIL_H_
+#endif  // MINITF_KERNELS_WINDOW_GEOMETRY_H_

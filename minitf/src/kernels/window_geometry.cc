@@ -1,4 +1,4 @@
-#include "kernels/conv_util.h"
+#include "kernels/window_geometry.h"
 
 #include <algorithm>
 #include <limits>
@@ -163,15 +163,6 @@ Status ConvGeometry(const OpContext& ctx, const WindowAttrs& attrs, bool depthwi
     }
   }
   return ComputeWindow(ctx, attrs, g);
-}
-
-void RunParallel(const OpContext* ctx, int64_t total, int64_t cost_per_unit,
-                 const std::function<void(int64_t, int64_t)>& fn) {
-  if (ctx != nullptr) {
-    ctx->ParallelFor(total, cost_per_unit, fn);
-  } else if (total > 0) {
-    fn(0, total);
-  }
 }
 
 }  // namespace minitf
