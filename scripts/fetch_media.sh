@@ -33,7 +33,7 @@ packages=()
 for f in "${missing[@]}"; do packages+=("${PACKAGE[$f]}"); done
 mapfile -t packages < <(printf '%s\n' "${packages[@]}" | sort -u)
 if ! (cd "$work" && apt-get download "${packages[@]}" >/dev/null 2>&1); then
-  echo "fetch_media: cannot download ${packages[*]}; the demo and media tests will skip"
+  echo "fetch_media: cannot download ${packages[*]}; the demo and media tests will skip (and fail under CI)"
   exit 0
 fi
 for f in "${missing[@]}"; do

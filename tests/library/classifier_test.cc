@@ -16,7 +16,6 @@
 #include "library/model_test_util.h"
 #include "models/frames/Classifier.h"
 #include "models/frames/ClassifierVector.h"
-#include "models/vehicle/VehicleTypeExtractor.h"
 #include "videoanalytics.h"
 
 namespace {
@@ -45,33 +44,29 @@ struct Member {
   const char* pixels;
   const char* output;
   const char* secondOutput;  // null unless the model joins two heads
-  int leftWithoutPixelNode;  // input tensors left undeleted when it is missing
-  int leftWithoutOutput;     // ... when an output node is missing
 };
 
 // The family as its contract states it. FaceMaskClassifier reports no
 // failure at all and is tested on its own.
 const Member kAge = {"AgeProcessor", 5, true, Feed::kFlatThree, "input_001", "output_node0",
-                     nullptr, 0, 2};
+                     nullptr};
 const Member kFaceMask = {"FaceMaskClassifier", 22, true, Feed::kFlatFour, "input_001",
-                          "output_node0", nullptr, 0, 0};
+                          "output_node0", nullptr};
 const Member kVehicleAttrib = {"VehicleAttribExtractor", 20, false, Feed::kFlatFour,
-                               "InputNodeFull", "output_node0", "output_node1", 0, 2};
+                               "InputNodeFull", "output_node0", "output_node1"};
 const Member kMembers[] = {
     kAge,
-    {"HardHatClassifier", 4, true, Feed::kBatchOwnChannels, "input_0", "Identity", nullptr, 1, 1},
-    {"SafetyVestClassifier", 25, true, Feed::kBatchOwnChannels, "input_0", "Identity", nullptr, 1,
-     1},
-    {"HumanFilter", 7, true, Feed::kFlatFour, "InputNodeFull", "output_node0", nullptr, 0, 2},
-    {"FaceEmotionsProcessor", 12, false, Feed::kFlatFour, "input_001", "output_node0", nullptr, 0,
-     2},
+    {"HardHatClassifier", 4, true, Feed::kBatchOwnChannels, "input_0", "Identity", nullptr},
+    {"SafetyVestClassifier", 25, true, Feed::kBatchOwnChannels, "input_0", "Identity", nullptr},
+    {"HumanFilter", 7, true, Feed::kFlatFour, "InputNodeFull", "output_node0", nullptr},
+    {"FaceEmotionsProcessor", 12, false, Feed::kFlatFour, "input_001", "output_node0", nullptr},
     {"FaceLightLandmarksProcessor", 14, false, Feed::kFlatThree, "input_001", "output_node0",
-     nullptr, 0, 2},
-    {"FaceFilterNClass", 13, false, Feed::kBatchFixed, "input_0", "Identity", nullptr, 0, 1},
-    {"HumanAttribExtractor", 19, false, Feed::kBatchFixed, "input_0", "Identity", nullptr, 0, 1},
-    {"HumanIndexer", 16, false, Feed::kFlatFour, "InputNodeFull", "output_node0", nullptr, 0, 0},
-    {"VehicleIndexer", 17, false, Feed::kFlatFour, "InputNodeFull", "output_node0", nullptr, 0, 2},
-    {"VehicleFilter", 18, false, Feed::kFlatFour, "InputNodeFull", "output_node0", nullptr, 0, 2},
+     nullptr},
+    {"FaceFilterNClass", 13, false, Feed::kBatchFixed, "input_0", "Identity", nullptr},
+    {"HumanAttribExtractor", 19, false, Feed::kBatchFixed, "input_0", "Identity", nullptr},
+    {"HumanIndexer", 16, false, Feed::kFlatFour, "InputNodeFull", "output_node0", nullptr},
+    {"VehicleIndexer", 17, false, Feed::kFlatFour, "InputNodeFull", "output_node0", nullptr},
+    {"VehicleFilter", 18, false, Feed::kFlatFour, "InputNodeFull", "output_node0", nullptr},
     kVehicleAttrib,
 };
 
@@ -405,22 +400,6 @@ TEST_F(ClassifierFamily, FaceMaskReportsNoFailureOfItsOwn) {
   object->lock.lock();
   EXPECT_EQ(static_cast<Classifier*>(object)->Predict(Picture()), shapeDigits);
   object->lock.unlock();
-}
-
-TEST(VehicleTypeExtractorModel, FeedsThreeChannelsWhateverTheRecordSays) {
-  // No type code creates it, so the object is built directly.
-  std::vector<uint8_t> pixels = RandomPixels(5, 4, 11);
-  const Image fourChannels{5, 4, pixels.data(), 4};
-  const Member m = {"VehicleTypeExtractor", -1, true, Feed::kBatchFixed, "input_0", "Identity",
-                    nullptr, 0, 1};
-  for (Fact fact : {Fact::kPixelDigits, Fact::kPixelSum}) {
-    const std::string graph = MemberGraph(m, fact);
-    VehicleTypeExtractor model(OptionsFor(graph));
-    // 1 x 4 x 5 x 3 whatever the record says; the sum of the first 60 bytes.
-    const float expected = fact == Fact::kPixelDigits ? 1040503 : SumOfFirst(pixels, 60);
-    EXPECT_EQ(model.Predict(fourChannels), expected);
-    EXPECT_FALSE(model.errorFlag);
-  }
 }
 
 }  // namespace

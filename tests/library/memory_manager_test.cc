@@ -28,16 +28,6 @@ TEST(FloatVectorMemory, ArrayOfCountFloatsEvenForNone) {
   }
 }
 
-TEST(DisposeRecords, NullRecordsAreIgnored) {
-  const int64_t before = OutstandingOnThisThread();
-  DisposeFloatVector(nullptr);
-  DisposeBoxDetectionResult(nullptr);
-  DisposeProcessResult(nullptr);
-  DisposeModelProcessResult(nullptr);
-  MemoryManager::DisposeProcessResult(nullptr, true);
-  EXPECT_EQ(OutstandingOnThisThread(), before);
-}
-
 TEST(DisposeRecords, ArraysGoBackToTheAllocator) {
   const int64_t before = OutstandingOnThisThread();
   FloatVector* vector = MemoryManager::CreateFloatVector(3);
@@ -72,34 +62,36 @@ class FillProcessResult : public ::testing::Test {
   void TearDown() override { DisposeModelProcessResult(&result_); }
 };
 
-TEST_F(FillProcessResult, NoModelIsCodeTwoWithPayloadKept) {
-  int payload = 0;
-  MemoryManager::FillProcessResult(&result_, nullptr, &payload);
-  EXPECT_EQ(result_.payload, &payload);
-  ASSERT_NE(result_.error, nullptr);
-  EXPECT_EQ(result_.error->code, 2);
-  EXPECT_EQ(result_.error->message, nullptr);
-}
-
-TEST_F(FillProcessResult, FlagGivesCodeEmptyMessageGivesNull) {
-  MemoryManager::FillProcessResult(&result_, &model_, nullptr);
-  EXPECT_EQ(result_.error->code, 0);
-  EXPECT_EQ(result_.error->message, nullptr);
-  DisposeModelProcessResult(&result_);
-
-  model_.errorFlag = true;
-  MemoryManager::FillProcessResult(&result_, &model_, nullptr);
-  EXPECT_EQ(result_.error->code, 1);
-  EXPECT_EQ(result_.error->message, nullptr);
-}
-
-TEST_F(FillProcessResult, MessageTravelsWhateverTheCode) {
-  model_.errorMessage = "OutOp not found";
-  MemoryManager::FillProcessResult(&result_, &model_, nullptr);
-  EXPECT_EQ(result_.error->code, 0);
-  ASSERT_NE(result_.error->message, nullptr);
-  EXPECT_EQ(std::memcmp(result_.error->message, "OutOp not found", 15), 0);
-  EXPECT_TRUE(library_test::LockIsFree(model_.lock));
+// No model gives code 2; otherwise the flag gives the code, and the message
+// travels whatever the code, an empty one as null. The payload is kept.
+TEST_F(FillProcessResult, CodeAndMessageFollowTheModelsState) {
+  const struct {
+    bool model, flag;
+    const char* message;
+    int code;
+  } cases[] = {{false, false, "", 2},
+               {true, false, "", 0},
+               {true, true, "", 1},
+               {true, false, "OutOp not found", 0},
+               {true, true, "OutOp not found", 1}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::Message() << c.model << c.flag << c.message);
+    int payload = 0;
+    model_.errorFlag = c.flag;
+    model_.errorMessage = c.message;
+    MemoryManager::FillProcessResult(&result_, c.model ? &model_ : nullptr, &payload);
+    EXPECT_EQ(result_.payload, &payload);
+    ASSERT_NE(result_.error, nullptr);
+    EXPECT_EQ(result_.error->code, c.code);
+    if (*c.message == '\0' || !c.model) {
+      EXPECT_EQ(result_.error->message, nullptr);
+    } else {
+      ASSERT_NE(result_.error->message, nullptr);
+      EXPECT_EQ(std::memcmp(result_.error->message, c.message, std::strlen(c.message)), 0);
+    }
+    EXPECT_TRUE(library_test::LockIsFree(model_.lock));
+    DisposeModelProcessResult(&result_);
+  }
 }
 
 TEST_F(FillProcessResult, MessageArrayIsOneByteShortOfItsTerminator) {

@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include "minitf/proto/config.pb.h"
 #include "interface/MemoryManager.h"
 #include "library/library_test_util.h"
 #include "library/model_test_util.h"
@@ -33,17 +32,6 @@ class TfInvokerErrorState : public ::testing::Test {
   TfInvoker invoker_;
 };
 
-TEST_F(TfInvokerErrorState, SetErrorStateReplacesOrKeepsTheMessage) {
-  invoker_.SetErrorState("first");
-  EXPECT_TRUE(invoker_.errorFlag);
-  EXPECT_EQ(invoker_.errorMessage, "first");
-  invoker_.errorFlag = false;
-  invoker_.SetErrorState(nullptr);
-  EXPECT_TRUE(invoker_.errorFlag);
-  EXPECT_EQ(invoker_.errorMessage, "first");
-  EXPECT_TRUE(LockIsFree(invoker_.lock));
-}
-
 TEST_F(TfInvokerErrorState, FailedCheckKeepsTheLockOkCheckClearsTheFlag) {
   TF_SetStatus(invoker_.status, TF_INTERNAL, "kernel broke");
   EXPECT_FALSE(invoker_.CheckStatus());
@@ -57,15 +45,6 @@ TEST_F(TfInvokerErrorState, FailedCheckKeepsTheLockOkCheckClearsTheFlag) {
   EXPECT_FALSE(invoker_.errorFlag);
   EXPECT_EQ(invoker_.errorMessage, "kernel broke");
   EXPECT_TRUE(LockIsFree(invoker_.lock));
-}
-
-TEST(SessionConfig, BytesAreTheFixedConfigProto) {
-  minitf::pb::ConfigProto config;
-  ASSERT_TRUE(config.ParseFromArray(TFCommon::SessionConfigBytes, 15));
-  EXPECT_EQ(config.gpu_options().per_process_gpu_memory_fraction(), 0.6);
-  EXPECT_TRUE(config.gpu_options().allow_growth());
-  EXPECT_TRUE(config.allow_soft_placement());
-  EXPECT_EQ(config.intra_op_parallelism_threads(), 0);
 }
 
 // "x" and "z": float placeholders; "y": Identity of "x".
@@ -111,16 +90,6 @@ using FloatVectorPtr = std::unique_ptr<FloatVector, FloatVectorDeleter>;
 
 std::vector<float> ValuesOf(const FloatVector* v) {
   return std::vector<float>(v->values, v->values + v->count);
-}
-
-TEST(BaseModelConstruction, ValidGraphOpensASession) {
-  const std::string graph = TwoInputGraph();
-  auto model = std::make_unique<EchoModel>(OptionsFor(graph));
-  EXPECT_FALSE(model->errorFlag);
-  EXPECT_EQ(model->errorMessage, "");
-  EXPECT_NE(model->session, nullptr);
-  EXPECT_NE(TF_GraphOperationByName(model->graph, "y"), nullptr);
-  EXPECT_TRUE(LockIsFree(model->lock));
 }
 
 TEST(BaseModelConstruction, GraphBytesAreReadOnlyDuringConstruction) {
@@ -195,35 +164,6 @@ TEST_F(RunDiscipline, SuccessfulRunCopiesTheOutput) {
   EXPECT_EQ(values, (std::vector<float>{1.5f, -2.0f, 3.25f}));
   EXPECT_FALSE(model_.errorFlag);
   EXPECT_TRUE(LockIsFree(model_.lock));
-}
-
-TEST_F(RunDiscipline, MissingNodesAreReportedAndReleaseTheLock) {
-  std::vector<float> values = {1.0f};
-  EXPECT_EQ(model_.Echo(values, "nope"), nullptr);
-  EXPECT_TRUE(model_.errorFlag);
-  EXPECT_EQ(model_.errorMessage, "InOp not found");
-  EXPECT_TRUE(LockIsFree(model_.lock));
-
-  EXPECT_EQ(model_.Echo(values, "x", "nope"), nullptr);
-  EXPECT_TRUE(model_.errorFlag);
-  EXPECT_EQ(model_.errorMessage, "OutOp not found");
-  EXPECT_TRUE(LockIsFree(model_.lock));
-}
-
-TEST_F(RunDiscipline, SuccessClearsTheFlagButNotTheMessage) {
-  std::vector<float> values = {7.0f};
-  EXPECT_EQ(model_.Echo(values, "x", "nope"), nullptr);
-  FloatVectorPtr out(model_.Echo(values));
-  ASSERT_NE(out, nullptr);
-  EXPECT_FALSE(model_.errorFlag);
-
-  ProcessResult result{nullptr, nullptr};
-  MemoryManager::FillProcessResult(&result, &model_, out.get());
-  EXPECT_EQ(result.payload, out.get());
-  EXPECT_EQ(result.error->code, 0);
-  ASSERT_NE(result.error->message, nullptr);
-  EXPECT_EQ(std::memcmp(result.error->message, "OutOp not found", 15), 0);
-  DisposeModelProcessResult(&result);
 }
 
 TEST_F(RunDiscipline, FailedRunKeepsTheMessageAndTheLock) {

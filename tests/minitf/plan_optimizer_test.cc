@@ -10,10 +10,16 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <unordered_map>
 
+#include "graph.h"
 #include "minitf/proto/config.pb.h"
+#include "plan.h"
+#include "plan_builder.h"
+#include "plan_optimizer.h"
 #include "support/graph_builder.h"
 #include "support/tf_session.h"
+#include "thread_pool.h"
 
 namespace {
 
@@ -126,6 +132,108 @@ TEST_P(ConvChainTest, MatchesUnfusedRun) {
 INSTANTIATE_TEST_SUITE_P(Activations, ConvChainTest,
                          ::testing::Values("Relu", "Relu6", "Elu", "Sigmoid", "Tanh",
                                            "LeakyRelu"));
+
+// The step labels of the plan a session builds for feeding "x" and
+// fetching `fetches`: a fused chain is one step labelled with its ops.
+std::vector<std::string> PlanLabels(const GraphBuilder& g, const std::vector<std::string>& fetches,
+                                    bool optimize = true) {
+  const std::string bytes = g.Serialize();
+  minitf::Graph graph;
+  minitf::Status status = graph.Import(bytes.data(), bytes.size(), {});
+  EXPECT_TRUE(status.ok()) << status.message();
+  std::vector<minitf::Feed> feeds = {{graph.Find("x"), 0, minitf::Tensor()}};
+  std::vector<minitf::Fetch> wanted;
+  for (const std::string& name : fetches) wanted.push_back({graph.Find(name), 0});
+  std::unordered_map<const minitf::Node*, std::unique_ptr<minitf::OpKernel>> kernels;
+  minitf::FoldedConstants folded(int64_t{1} << 28);
+  minitf::PlanBuildOptions options;
+  options.optimize = optimize;
+  options.pool = minitf::ThreadPool::Shared(1);
+  options.folded = &folded;
+  options.kernel_for = [&](const minitf::Node* n, const minitf::OpKernel** k) {
+    auto& slot = kernels[n];
+    if (!slot) {
+      minitf::KernelInit init(n->name(), n->def.attr(), n->input_types, n->output_types);
+      MINITF_RETURN_IF_ERROR(n->op->factory(init, &slot));
+    }
+    *k = slot.get();
+    return minitf::Status::OK();
+  };
+  std::shared_ptr<const minitf::Plan> plan;
+  status = minitf::BuildPlan(graph, feeds, wanted, {}, options, &plan);
+  EXPECT_TRUE(status.ok()) << status.message();
+  std::vector<std::string> labels;
+  if (plan) {
+    for (const auto& step : plan->steps) labels.push_back(step.label);
+  }
+  return labels;
+}
+
+bool HasLabel(const std::vector<std::string>& labels, const std::string& label) {
+  return std::find(labels.begin(), labels.end(), label) != labels.end();
+}
+
+std::string Joined(const std::vector<std::string>& labels) {
+  std::string out;
+  for (const std::string& l : labels) out += l + " ";
+  return out;
+}
+
+// Equal results prove nothing if nothing was fused: the plans must hold the
+// fused steps, and only where a chain may form.
+TEST(ConvChainPlanTest, ChainsBecomeOneLabelledStep) {
+  std::mt19937 rng(3);
+  GraphBuilder g;
+  g.Placeholder("x", TF_FLOAT);
+  ConvWithBias(g, rng, "x", false, "a/");
+  g.Unary("Relu6", "a/act", "a/bias");
+  ConvWithBias(g, rng, "a/act", true, "b/");
+  g.Binary("AddV2", "b/add", "b/bias", "a/act");
+  g.Unary("Relu", "b/act", "b/add");
+  const auto fused = PlanLabels(g, {"b/act"});
+  EXPECT_TRUE(HasLabel(fused, "Conv2D+BiasAdd+Relu6")) << Joined(fused);
+  EXPECT_TRUE(HasLabel(fused, "DepthwiseConv2dNative+BiasAdd+AddV2+Relu")) << Joined(fused);
+  EXPECT_FALSE(HasLabel(fused, "BiasAdd")) << Joined(fused);
+
+  // Unoptimised, every node is its own step.
+  const auto plain = PlanLabels(g, {"b/act"}, false);
+  EXPECT_TRUE(HasLabel(plain, "Conv2D") && HasLabel(plain, "Relu6")) << Joined(plain);
+  EXPECT_FALSE(HasLabel(plain, "Conv2D+BiasAdd+Relu6")) << Joined(plain);
+
+  // A fetched intermediate ends the first chain at its bias.
+  const auto cut = PlanLabels(g, {"b/act", "a/bias"});
+  EXPECT_TRUE(HasLabel(cut, "Conv2D+BiasAdd")) << Joined(cut);
+  EXPECT_TRUE(HasLabel(cut, "Relu6")) << Joined(cut);
+}
+
+TEST(ConvChainPlanTest, BatchNormAndDilationAreFoldedIntoTheChain) {
+  std::mt19937 rng(4);
+  GraphBuilder g;
+  g.Placeholder("x", TF_FLOAT);
+  g.Const<int64_t>("block", {2}, {2, 2});
+  g.Const<int64_t>("pads", {2, 2}, {2, 2, 2, 2});
+  g.Node("SpaceToBatchND", "s2b").Input("x").Input("block").Input("pads")
+      .Attr("T", TF_FLOAT).Attr("Tblock_shape", TF_INT64).Attr("Tpaddings", TF_INT64);
+  g.Const<float>("w", {3, 3, 4, 4}, Random(rng, 144));
+  g.Node("Conv2D", "conv").Input("s2b").Input("w").Attr("T", TF_FLOAT)
+      .Attr("strides", L{1, 1, 1, 1}).Attr("padding", "VALID");
+  g.Node("BatchToSpaceND", "b2s").Input("conv").Input("block").Input("pads")
+      .Attr("T", TF_FLOAT).Attr("Tblock_shape", TF_INT64).Attr("Tcrops", TF_INT64);
+  for (const char* p : {"s", "o", "m"}) g.Const<float>(p, {4}, Random(rng, 4));
+  g.Const<float>("v", {4}, {0.5f, 1, 1.5f, 2});
+  g.Node("FusedBatchNormV3", "bn").Input("b2s").Input("s").Input("o").Input("m").Input("v")
+      .Attr("T", TF_FLOAT).Attr("U", TF_FLOAT).Attr("epsilon", 0.001f)
+      .Attr("is_training", false);
+  g.Unary("Relu", "act", "bn");
+  const auto labels = PlanLabels(g, {"act"});
+  EXPECT_TRUE(HasLabel(labels, "SpaceToBatchND+Conv2D+BatchToSpaceND+FusedBatchNormV3+Relu"))
+      << Joined(labels);
+  for (const char* alone : {"SpaceToBatchND", "Conv2D", "BatchToSpaceND", "FusedBatchNormV3"}) {
+    EXPECT_FALSE(HasLabel(labels, alone)) << Joined(labels);
+  }
+  auto x = MakeTensor<float>({1, 8, 8, 4}, Random(rng, 256));
+  ExpectSameAsUnfused(g, {{"x", x.get()}}, {"act"});
+}
 
 TEST(ConvChainEdgeTest, FetchedOrSharedIntermediatesStayCorrect) {
   std::mt19937 rng(5);

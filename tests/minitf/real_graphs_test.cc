@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "minitf/proto/config.pb.h"
+#include "support/required_data.h"
 #include "support/tf_session.h"
 
 namespace {
@@ -40,12 +41,10 @@ bool ReadFile(const std::string& path, std::string* out) {
 }
 
 // Reads `rel` under the folder; skips (or fails under CI) when it is missing.
-#define READ_OR_SKIP(rel, out)                                                         \
-  do {                                                                                 \
-    if (!ReadFile(Dir() + "/" + (rel), (out))) {                                       \
-      if (std::getenv("CI") != nullptr) FAIL() << "missing " << Dir() << "/" << (rel); \
-      GTEST_SKIP() << "missing " << Dir() << "/" << (rel);                             \
-    }                                                                                  \
+#define READ_OR_SKIP(rel, out)                                                 \
+  do {                                                                         \
+    if (!ReadFile(Dir() + "/" + (rel), (out)))                                 \
+      SKIP_OR_FAIL_WITHOUT_DATA("missing " << Dir() << "/" << (rel));          \
   } while (0)
 
 // Runs `graph` on the input its reference names and compares every output

@@ -435,42 +435,4 @@ TEST(SessionTest, DeviceListHasOneCpu) {
   TF_DeleteStatus(status);
 }
 
-TEST(StatusTest, SetAndRead) {
-  TF_Status* s = TF_NewStatus();
-  EXPECT_EQ(TF_GetCode(s), TF_OK);
-  EXPECT_STREQ(TF_Message(s), "");
-  TF_SetStatus(s, TF_NOT_FOUND, "gone");
-  EXPECT_EQ(TF_GetCode(s), TF_NOT_FOUND);
-  EXPECT_STREQ(TF_Message(s), "gone");
-  TF_SetStatus(s, TF_OK, "ignored");
-  EXPECT_STREQ(TF_Message(s), "");
-  TF_DeleteStatus(s);
-  EXPECT_EQ(TF_DataTypeSize(TF_FLOAT), 4u);
-  EXPECT_EQ(TF_DataTypeSize(TF_INT64), 8u);
-  EXPECT_EQ(TF_DataTypeSize(TF_UINT8), 1u);
-  EXPECT_EQ(TF_DataTypeSize(TF_BOOL), 1u);
-  EXPECT_EQ(TF_DataTypeSize(TF_STRING), 0u);
-  EXPECT_NE(std::string(TF_Version()).find('2'), std::string::npos);
-}
-
-int g_buffer_frees = 0;
-TEST(BufferTest, DeleteCallsTheDeallocator) {
-  TF_Buffer* copy = TF_NewBufferFromString("abc", 3);
-  ASSERT_NE(copy, nullptr);
-  EXPECT_EQ(copy->length, 3u);
-  EXPECT_EQ(std::memcmp(copy->data, "abc", 3), 0);
-  TF_DeleteBuffer(copy);
-  static char bytes[4];
-  TF_Buffer* borrowed = TF_NewBuffer();
-  EXPECT_EQ(borrowed->data, nullptr);
-  borrowed->data = bytes;
-  borrowed->length = 4;
-  g_buffer_frees = 0;
-  borrowed->data_deallocator = [](void* data, size_t len) {
-    if (data == bytes && len == 4) ++g_buffer_frees;
-  };
-  TF_DeleteBuffer(borrowed);
-  EXPECT_EQ(g_buffer_frees, 1);
-}
-
 }  // namespace

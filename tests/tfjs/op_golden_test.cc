@@ -8,6 +8,7 @@
 
 #include "golden.h"
 #include "support/graph_builder.h"
+#include "support/required_data.h"
 #include "support/tf_session.h"
 
 namespace {
@@ -43,8 +44,8 @@ TEST(TfjsOpGoldenTest, OpsMatchTfjsAtAttributeCorners) {
   const std::string dir = tfjs_testing::GoldenDir() + "/ops";
   const std::string meta_path = dir + "/cases.json";
   if (!tfjs_testing::FileExists(meta_path)) {
-    GTEST_SKIP() << "no TF.js op reference vectors at " << meta_path
-                 << " (scripts/fetch_models.sh writes them)";
+    SKIP_OR_FAIL_WITHOUT_DATA("no TF.js op reference vectors at "
+                              << meta_path << " (scripts/fetch_models.sh writes them)");
   }
   json cases;
   std::string error;

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "golden.h"
+#include "support/required_data.h"
 
 namespace {
 
@@ -60,14 +61,14 @@ class OpenCvCrossCheckTest : public testing::TestWithParam<CrossCase> {};
 
 TEST_P(OpenCvCrossCheckTest, MinitfAgreesWithOpenCvDnn) {
 #ifndef OPENCV_DNN_RUN
-  GTEST_SKIP() << "built without OpenCV's DNN module";
+  SKIP_OR_FAIL_WITHOUT_DATA("built without OpenCV's DNN module");
 #else
   const CrossCase& c = GetParam();
   if (tfjs_testing::ReducedRun() && !c.small) GTEST_SKIP() << "not in the reduced set";
   tfjs_testing::ModelFixture f;
   std::string message;
   const tfjs_testing::FixtureState state = tfjs_testing::LoadModelFixture(c.model, &f, &message);
-  if (state == tfjs_testing::FixtureState::kAbsent) GTEST_SKIP() << message;
+  if (state == tfjs_testing::FixtureState::kAbsent) SKIP_OR_FAIL_WITHOUT_DATA(message);
   ASSERT_EQ(state, tfjs_testing::FixtureState::kReady) << message;
   ASSERT_EQ(f.inputs.size(), 1u);
   const GoldenTensor& input = f.inputs[0];

@@ -17,6 +17,7 @@
 #include "converter.h"
 #include "golden.h"
 #include "runtime_check.h"
+#include "support/required_data.h"
 #include "support/tf_session.h"
 #include "unfuse.h"
 
@@ -83,7 +84,7 @@ TEST_P(RealModelTest, ConvertedGraphMatchesTfjs) {
   tfjs_testing::ModelFixture f;
   std::string message;
   const tfjs_testing::FixtureState state = tfjs_testing::LoadModelFixture(m.name, &f, &message);
-  if (state == tfjs_testing::FixtureState::kAbsent) GTEST_SKIP() << message;
+  if (state == tfjs_testing::FixtureState::kAbsent) SKIP_OR_FAIL_WITHOUT_DATA(message);
   ASSERT_EQ(state, tfjs_testing::FixtureState::kReady) << message;
   const minitf::pb::GraphDef& graph = f.graph;
   const std::vector<tfjs_testing::GoldenTensor>& outputs = f.outputs;
