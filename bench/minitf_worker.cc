@@ -65,6 +65,7 @@ void Check(TF_Status* status, const std::string& what) {
 TF_DataType DtypeOf(const std::string& name) {
   if (name == "float32") return TF_FLOAT;
   if (name == "int32") return TF_INT32;
+  if (name == "uint8") return TF_UINT8;
   Fail("unsupported input dtype " + name);
 }
 

@@ -26,7 +26,9 @@ const ort = require('onnxruntime-node');
 function readTyped(file, dtype) {
   const raw = fs.readFileSync(file);
   const bytes = raw.buffer.slice(raw.byteOffset, raw.byteOffset + raw.byteLength);
-  return dtype === 'int32' ? new Int32Array(bytes) : new Float32Array(bytes);
+  if (dtype === 'int32') return new Int32Array(bytes);
+  if (dtype === 'uint8') return new Uint8Array(bytes);
+  return new Float32Array(bytes);
 }
 
 async function main() {

@@ -15,6 +15,10 @@ run through ONNX's shape inference with the model's fixed input shapes.
     to_onnx.py graph.pb meta.json out.onnx     (meta.json: the reference
                                                 inputs and outputs, as the
                                                 workers read them)
+    to_onnx.py --cache DIR NAME graph.pb meta.json
+                                               converts once into DIR, keyed by
+                                               a hash of the inputs; prints the
+                                               .onnx path
     to_onnx.py --ops graph.pb ...               the op set of each graph
 
 Runs with Debian's python3-onnx (/usr/bin/python3). An op it cannot map ends
@@ -944,21 +948,51 @@ def main():
                                 " ".join("%s:%d" % kv for kv in sorted(ops.items())),
                                 ("  UNMAPPED " + " ".join(missing)) if missing else ""))
         return 0
-    if len(args) != 3:
+    if args and args[0] == "--cache":
+        # --cache DIR NAME graph.pb meta.json: the converted file under DIR,
+        # keyed by a hash of the graph, this converter and the feeds; a
+        # refusal is kept beside it and repeated.
+        if len(args) != 5:
+            print(__doc__, file=sys.stderr)
+            return 2
+        cache_dir, name, pb_path, meta_path = args[1:]
+        with open(meta_path) as f:
+            meta = json.load(f)
+        base = os.path.join(cache_dir, "%s-%s" % (name, cache_key(pb_path, meta)))
+        if os.path.exists(base + ".onnx"):
+            print(base + ".onnx")
+            return 0
+        if os.path.exists(base + ".refused"):
+            with open(base + ".refused") as f:
+                print(f.read().strip())
+            return 3
+        os.makedirs(cache_dir, exist_ok=True)
+        out = base + ".onnx"
+    elif len(args) == 3:
+        pb_path, meta_path, out = args
+        base = None
+        with open(meta_path) as f:
+            meta = json.load(f)
+    else:
         print(__doc__, file=sys.stderr)
         return 2
-    pb_path, meta_path, out = args
-    with open(meta_path) as f:
-        meta = json.load(f)
     try:
         model = convert(graph_pb2, pb_path, meta)
     except Unsupported as e:
-        print("unsupported: %s" % e)
+        why = "unsupported: %s" % e
+        if base is not None:
+            with open(base + ".refused", "w") as f:
+                f.write(why + "\n")
+        print(why)
         return 3
     tmp = out + ".tmp%d" % os.getpid()
     onnx.save(model, tmp)
     os.replace(tmp, out)
-    print("wrote %s (%d nodes)" % (out, len(model.graph.node)))
+    if base is not None:
+        print(out)
+    else:
+        print("wrote %s (%d nodes, %d transposes)" % (
+            out, len(model.graph.node), sum(n.op_type == "Transpose" for n in model.graph.node)))
     return 0
 
 
