@@ -243,8 +243,10 @@ class Worker {
       std::vector<int64_t> dims;
       if (node.input_size() <= input) return dims;
       auto it = by_name.find(ProducerOf(node.input(input)));
-      // Weights often reach the op through an Identity.
-      while (it != by_name.end() && it->second->op() == "Identity" &&
+      // Weights often reach the op through an Identity, or a Dequantize of
+      // 8-bit constants of the same shape.
+      while (it != by_name.end() &&
+             (it->second->op() == "Identity" || it->second->op() == "Dequantize") &&
              it->second->input_size() > 0) {
         it = by_name.find(ProducerOf(it->second->input(0)));
       }
