@@ -18,7 +18,7 @@
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 cd "$root"
-build="$root/build-bench"
+build="${VA_BENCH_BUILD:-$root/build-bench}"
 
 if [ ! -d .cache/models ] || [ ! -d .cache/golden/models ]; then
   scripts/setup.sh
