@@ -328,7 +328,8 @@ def fold_dequantize(cv, node, args):
         return [((q.astype(np.float64) - info.min) * scale + lo).astype(np.float32)]
     if mode == "MIN_COMBINED":
         half = (info.max - info.min + 1) / 2.0 if info.min < 0 else 0.0
-        return [(lo + (q.astype(np.float64) + half) * (hi - lo) / (info.max - info.min)).astype(np.float32)]
+        span = (hi - lo) / (info.max - info.min)
+        return [(lo + (q.astype(np.float64) + half) * span).astype(np.float32)]
     raise Unsupported("Dequantize mode %s" % mode)
 
 
@@ -381,7 +382,10 @@ def check_nhwc(cv, node):
 
 def spatial(cv, node, onnx_op, x, w, bias=None, pads=None, strides=None, dil=None, **attrs):
     """A convolution-like op on x (TF name) with weights already in ONNX's layout."""
-    inp = cv.channels_first(x) if cv.nchw else cv.emit("Transpose", [cv.plain(x)], perm=NHWC_TO_NCHW)
+    if cv.nchw:
+        inp = cv.channels_first(x)
+    else:
+        inp = cv.emit("Transpose", [cv.plain(x)], perm=NHWC_TO_NCHW)
     args = [inp] + ([w] if w else []) + ([bias] if bias else [])
     if pads is None:
         attrs["auto_pad"] = "SAME_UPPER"
@@ -721,8 +725,6 @@ def h_unpack(cv, node, ins):
         axis += cv.rank(ins[0])
     x = cv.plain(ins[0])
     parts = cv.emit("Split", [x], n_out=num, axis=axis) if num > 1 else [x]
-    if num == 1:
-        parts = [x]
     for idx, p in enumerate(parts):
         cv.set(node, cv.emit("Squeeze", [p, cv.i64([axis])]), idx=idx)
 
@@ -795,7 +797,8 @@ def strided_slice_spec(cv, node, shape, b, e, s):
 
 def h_strided_slice(cv, node, ins):
     shape = cv.shape(ins[0])
-    starts, ends, steps, shrink = strided_slice_spec(cv, node, shape, *[cv.const(i) for i in ins[1:4]])
+    starts, ends, steps, shrink = strided_slice_spec(cv, node, shape,
+                                                     *[cv.const(i) for i in ins[1:4]])
     axes = list(range(len(starts)))
     out = cv.emit("Slice", [cv.plain(ins[0]), cv.i64(starts), cv.i64(ends), cv.i64(axes),
                             cv.i64(steps)])
