@@ -369,7 +369,7 @@ def main():
             o1, o2, o2n = med.get("ort-1"), med.get("ort-2"), med.get("ort-2-nospin")
             m1, m2 = med.get("minitf-1"), med.get("minitf-2")
             tfjs, cv1 = med.get("tfjs-wasm"), med.get("opencv-1")
-            gflop = info.get("flops", 0) / 1e9 if info else None
+            gflop = info["flops"] / 1e9 if info and "flops" in info else None
             r1, r2, sc = ratio(m1, o1), ratio(m2, o2), ratio(m2, m1)
             ratios1.append(r1), ratios2.append(r2), scaling.append(sc)
             ratios2n.append(ratio(m2, o2n))
