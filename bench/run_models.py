@@ -361,9 +361,9 @@ def main():
         print()
         print("%s:" % section)
         print()
-        print("| model | input | GFLOP | ORT 1t | minitf 1t | minitf/ORT | ORT 2t | minitf 2t "
+        print("| model | GFLOP | ORT 1t | minitf 1t | minitf/ORT | ORT 2t | minitf 2t "
               "| minitf/ORT | minitf 2t/1t | TF.js wasm | OpenCV 1t | ORT 2t no-spin "
-              "| minitf 1t GFLOP/s | % of peak |")
+              "| minitf 1t GFLOP/s | % of peak | input |")
         print("|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|")
         for name, is_real, meta, med, info, refused, check in section_rows:
             o1, o2, o2n = med.get("ort-1"), med.get("ort-2"), med.get("ort-2-nospin")
@@ -375,12 +375,13 @@ def main():
             ratios2n.append(ratio(m2, o2n))
             rate = gflop / m1 * 1e3 if gflop and m1 else None
             print("| %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s |" % (
-                name, input_label(meta), fmt(gflop, "%.3f"),
+                name, fmt(gflop, "%.3f"),
                 fmt(o1) if o1 else "refused", fmt(m1), fmt(r1, "%.2fx"),
                 fmt(o2) if o2 else "refused", fmt(m2), fmt(r2, "%.2fx"), fmt(sc, "%.2fx"),
                 fmt(tfjs) if tfjs else ("n/a" if is_real else "refused"),
                 fmt(cv1) if cv1 else "refused", fmt(o2n) if o2n else "refused",
-                fmt(rate, "%.1f"), fmt(rate / peak * 100 if rate and peak else None, "%.0f%%")))
+                fmt(rate, "%.1f"), fmt(rate / peak * 100 if rate and peak else None, "%.0f%%"),
+                input_label(meta)))
     print()
     print("Geometric means over the models both ran: minitf/ORT 1t %s (%d models), 2t %s "
           "(%d models; against ORT 2t without spinning %s); minitf 2t/1t %s (%d models)." % (
