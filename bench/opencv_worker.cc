@@ -6,7 +6,7 @@
 // Same protocol as minitf_worker ("run" prints milliseconds, "quit" ends),
 // except that "info" is not offered. Prints "refused: why" and exits with 3
 // when OpenCV cannot import or run the graph. Only single-input models with
-// a float32 or int32 NHWC input are offered to it.
+// a float32, int32 or uint8 NHWC input are offered to it (as floats).
 //
 // A separate process, and not part of minitf_worker, because OpenCV carries
 // its own copy of TensorFlow's .proto files, which cannot be registered
@@ -60,9 +60,13 @@ int main(int argc, char** argv) {
       ReadFile(meta_path.substr(0, meta_path.rfind('/') + 1) + input["file"].get<std::string>());
   const int n = shape[0], h = shape[1], w = shape[2], c = shape[3];
   const size_t count = static_cast<size_t>(n) * h * w * c;
-  if (raw.size() != count * 4) return Refuse("input file size");
+  const size_t element_bytes = input["dtype"] == "uint8" ? 1 : 4;
+  if (raw.size() != count * element_bytes) return Refuse("input file size");
   std::vector<float> nhwc(count);
-  if (input["dtype"] == "int32") {
+  if (input["dtype"] == "uint8") {
+    const uint8_t* v = reinterpret_cast<const uint8_t*>(raw.data());
+    for (size_t i = 0; i < count; ++i) nhwc[i] = static_cast<float>(v[i]);
+  } else if (input["dtype"] == "int32") {
     const int32_t* v = reinterpret_cast<const int32_t*>(raw.data());
     for (size_t i = 0; i < count; ++i) nhwc[i] = static_cast<float>(v[i]);
   } else {

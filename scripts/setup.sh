@@ -12,6 +12,7 @@ PACKAGES=(
   nlohmann-json3-dev
   clang libclang-rt-14-dev
   python3 python3-numpy python3-pytest python3-opencv
+  python3-onnx  # bench/to_onnx.py, the ONNX Runtime peer's converter
   binutils
 )
 
