@@ -9,7 +9,9 @@
 #      minitf's fixed cost per session run, and the memory of a session; the
 #      converted TF.js models first, then the real TensorFlow frozen graphs;
 #   2. the library's own share of a face-detector call on 1920x1080 and
-#      1280x720 frames.
+#      1280x720 frames;
+#   3. the contract checks against the smallest per-face model's call;
+#   4. each detector's suppression of 100,000 candidates.
 #
 #   bench/run.sh [--rounds N] [--models a,b,...] [--real a,b,...|none]
 #
@@ -24,7 +26,8 @@ if [ ! -d .cache/models ] || [ ! -d .cache/golden/models ]; then
   scripts/setup.sh
 fi
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DVA_BUILD_TESTS=OFF >/dev/null
-ninja -C "$build" minitf_worker opencv_worker fixed_cost_bench library_bench tfjs_convert
+ninja -C "$build" minitf_worker opencv_worker fixed_cost_bench library_bench tfjs_convert \
+  suppression_bench check_cost_bench
 
 # TF.js's WebAssembly backend and ONNX Runtime's Node binding (its CPU
 # library comes in the package; --ignore-scripts skips the install script,
@@ -55,3 +58,16 @@ if [ ! -f "$face" ]; then
     "$face" >/dev/null
 fi
 "$build/bench/library_bench" "$face" .cache/media/astronaut.png 200
+
+echo
+echo "== the contract checks against the smallest per-face model's call"
+emotion="$root/.cache/adapted/emotion.pb"
+if [ ! -f "$emotion" ]; then
+  "$build/tools/tfjs_convert/tfjs_convert" --adapter emotion "$models/emotion.json" \
+    "$emotion" >/dev/null
+fi
+"$build/bench/check_cost_bench" "$emotion"
+
+echo
+echo "== suppression of 100,000 candidates"
+"$build/bench/suppression_bench" 100000
