@@ -18,6 +18,7 @@ namespace {
 
 using testing_support::Dims;
 using testing_support::DTypeOf;
+using testing_support::ExpectOutput;
 using testing_support::OneOp;
 
 template <typename From, typename To>
@@ -104,11 +105,8 @@ TEST(CastOpsTest, ShapesAndUnsupportedTypes) {
   ASSERT_EQ(empty.Run(), TF_OK) << empty.error();
   EXPECT_EQ(empty.OutputDims(), (Dims{0, 2}));
 
-  OneOp matrix("Cast");
-  matrix.In<int32_t>({2, 2}, {1, 2, 3, 4}).Attr("SrcT", TF_INT32).Attr("DstT", TF_DOUBLE);
-  ASSERT_EQ(matrix.Run(), TF_OK) << matrix.error();
-  EXPECT_EQ(matrix.OutputDims(), (Dims{2, 2}));
-  EXPECT_EQ(matrix.Output<double>(), (std::vector<double>{1, 2, 3, 4}));
+  ExpectOutput<double>(OneOp("Cast").In<int32_t>({2, 2}, {1, 2, 3, 4}).Attr("SrcT", TF_INT32)
+      .Attr("DstT", TF_DOUBLE), {2, 2}, (std::vector<double>{1, 2, 3, 4}));
 
   OneOp half("Cast");
   half.In<float>({1}, {1}).Attr("SrcT", TF_FLOAT).Attr("DstT", TF_HALF);

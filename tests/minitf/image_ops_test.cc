@@ -17,6 +17,7 @@ using testing_support::Dims;
 using testing_support::ExpectNear;
 using testing_support::ExpectRunError;
 using testing_support::OneOp;
+using testing_support::RunOk;
 using F = std::vector<float>;
 using I = std::vector<int32_t>;
 
@@ -42,10 +43,8 @@ TEST(ResizeBilinearTest, IntegerImagesGiveFloatsPerChannel) {
     expected.push_back(200);
   }
   ExpectNear(op.Output<float>(), expected);
-  OneOp ints("ResizeBilinear");
-  ints.In<int32_t>({2, 1, 1, 1}, {-3, 7}).In<int32_t>({2}, {1, 2}).Attr("T", TF_INT32);
-  ASSERT_EQ(ints.Run(), TF_OK) << ints.error();
-  ExpectNear(ints.Output<float>(), {-3, -3, 7, 7});
+  ExpectNear(RunOk<float>(OneOp("ResizeBilinear").In<int32_t>({2, 1, 1, 1}, {-3, 7})
+      .In<int32_t>({2}, {1, 2}).Attr("T", TF_INT32)), {-3, -3, 7, 7});
 }
 
 TEST(ResizeBilinearTest, RejectsBadInputs) {
@@ -58,9 +57,8 @@ TEST(ResizeBilinearTest, RejectsBadInputs) {
   ExpectRunError(Resize(zero, kCorners, {1, 2, 2, 1}, {0, 3}));
   OneOp negative("ResizeBilinear");
   ExpectRunError(Resize(negative, kCorners, {1, 2, 2, 1}, {3, -1}));
-  OneOp long_size("ResizeBilinear");
-  long_size.In<float>({1, 2, 2, 1}, kCorners).In<int32_t>({3}, {2, 2, 2}).Attr("T", TF_FLOAT);
-  ExpectRunError(long_size);
+  ExpectRunError(OneOp("ResizeBilinear").In<float>({1, 2, 2, 1}, kCorners)
+      .In<int32_t>({3}, {2, 2, 2}).Attr("T", TF_FLOAT));
   OneOp empty_image("ResizeBilinear");
   ExpectRunError(Resize(empty_image, {}, {1, 0, 2, 1}, {2, 2}));
   OneOp no_channels("ResizeBilinear");
@@ -158,10 +156,9 @@ TEST(CropAndResizeTest, RejectsBadInputs) {
   ExpectRunError(Crop(count, {0, 0, 1, 1}, {0, 0}, {2, 2}));
   OneOp crop("CropAndResize");
   ExpectRunError(Crop(crop, {0, 0, 1, 1}, {0}, {0, 2}));
-  OneOp columns("CropAndResize");
-  columns.In<float>({1, 3, 3, 1}, kRamp).In<float>({2, 3}, {0, 0, 1, 1, 0, 0})
-      .In<int32_t>({2}, {0, 0}).In<int32_t>({2}, {2, 2}).Attr("T", TF_FLOAT);
-  ExpectRunError(columns);
+  ExpectRunError(OneOp("CropAndResize").In<float>({1, 3, 3, 1}, kRamp)
+      .In<float>({2, 3}, {0, 0, 1, 1, 0, 0}).In<int32_t>({2}, {0, 0}).In<int32_t>({2}, {2, 2})
+      .Attr("T", TF_FLOAT));
   OneOp empty_image("CropAndResize");
   ExpectRunError(Crop(empty_image, {0, 0, 1, 1}, {0}, {2, 2}, {}, {1, 0, 3, 1}));
 }
@@ -227,18 +224,15 @@ TEST(ResizeBicubicTest, MatchesTheCubicKernelInEveryMode) {
       const auto got = op.Output<float>();
       const auto want = BicubicReference(img, 5, 7, oh, ow, mode.align, mode.half);
       ASSERT_EQ(got.size(), want.size());
-      for (size_t i = 0; i < got.size(); ++i) {
+      for (size_t i = 0; i < got.size(); ++i)
         EXPECT_NEAR(got[i], want[i], 2e-3) << mode.align << mode.half << " " << oh << "x" << ow
                                            << " at " << i;
-      }
     }
   }
   // The same size in legacy mode copies; with align_corners the corners stay.
-  OneOp same("ResizeBicubic");
-  same.In<float>({1, 5, 7, 1}, img).In<int32_t>({2}, {5, 7}).Attr("T", TF_FLOAT)
-      .Attr("align_corners", false).Attr("half_pixel_centers", false);
-  ASSERT_EQ(same.Run(), TF_OK) << same.error();
-  EXPECT_EQ(same.Output<float>(), img);
+  EXPECT_EQ(RunOk<float>(OneOp("ResizeBicubic").In<float>({1, 5, 7, 1}, img)
+      .In<int32_t>({2}, {5, 7}).Attr("T", TF_FLOAT).Attr("align_corners", false)
+      .Attr("half_pixel_centers", false)), img);
   // Several channels and an integer image: channels do not mix.
   OneOp rgb("ResizeBicubic");
   rgb.In<uint8_t>({1, 2, 2, 3}, {10, 20, 30, 10, 20, 30, 10, 20, 30, 10, 20, 30})
@@ -252,10 +246,8 @@ TEST(ResizeBicubicTest, MatchesTheCubicKernelInEveryMode) {
   both.In<float>({1, 1, 1, 1}, {1}).In<int32_t>({2}, {2, 2}).Attr("T", TF_FLOAT)
       .Attr("align_corners", true).Attr("half_pixel_centers", true);
   EXPECT_NE(both.Run(), TF_OK);
-  OneOp bad_size("ResizeBicubic");
-  bad_size.In<float>({1, 1, 1, 1}, {1}).In<int32_t>({2}, {0, 2}).Attr("T", TF_FLOAT)
-      .Attr("align_corners", false).Attr("half_pixel_centers", false);
-  ExpectRunError(bad_size);
+  ExpectRunError(OneOp("ResizeBicubic").In<float>({1, 1, 1, 1}, {1}).In<int32_t>({2}, {0, 2})
+      .Attr("T", TF_FLOAT).Attr("align_corners", false).Attr("half_pixel_centers", false));
 }
 
 }  // namespace

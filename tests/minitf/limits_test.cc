@@ -199,9 +199,8 @@ TEST(TileAtTheCapTest, PeakMemoryIsTheOutput) {
   ASSERT_EQ(out.size(), 1u);
   ASSERT_EQ(out[0].num_elements(), kBudget);
   const uint8_t* t = out[0].data<uint8_t>();
-  for (int64_t i : {int64_t{0}, int64_t{5}, kBudget / 2 + 3, kBudget - 1}) {
+  for (int64_t i : {int64_t{0}, int64_t{5}, kBudget / 2 + 3, kBudget - 1})
     EXPECT_EQ(t[i], 10 + i % 4) << "at " << i;
-  }
   // The output, plus slack for the allocator and the test's own pages.
   EXPECT_LT(peak - before, kBudget + 32 * kMega) << "peak grew by " << (peak - before);
 }

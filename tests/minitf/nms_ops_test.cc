@@ -226,9 +226,8 @@ TEST(NmsOpsTest, MatchesGreedyReferenceOnRandomBoxes) {
     EXPECT_EQ(got.indices, want.indices) << "trial " << trial;
     if (c.version == 5) {
       ASSERT_EQ(got.scores.size(), want.scores.size());
-      for (size_t i = 0; i < want.scores.size(); ++i) {
+      for (size_t i = 0; i < want.scores.size(); ++i)
         EXPECT_NEAR(got.scores[i], want.scores[i], 1e-5f) << "trial " << trial << " at " << i;
-      }
     }
   }
 }

@@ -26,7 +26,9 @@ namespace {
 using testing_support::Dims;
 using testing_support::ExpectNear;
 using testing_support::ExpectRunError;
+using testing_support::ExpectOutput;
 using testing_support::OneOp;
+using testing_support::RunOk;
 using L = std::vector<int64_t>;
 using F = std::vector<float>;
 
@@ -49,95 +51,60 @@ TEST(MatMulOpsTest, TransposesAndDtypes) {
     EXPECT_EQ(op.OutputDims(), (Dims{2, 2}));
     EXPECT_EQ(op.Output<float>(), kAB) << c.ta << c.tb;
   }
-  OneOp ints("MatMul");
-  ints.In<int32_t>({2, 3}, {1, 2, 3, 4, 5, 6}).In<int32_t>({3, 2}, {7, 8, 9, 10, 11, 12})
-      .Attr("T", TF_INT32);
-  ASSERT_EQ(ints.Run(), TF_OK) << ints.error();
-  EXPECT_EQ(ints.Output<int32_t>(), (std::vector<int32_t>{58, 64, 139, 154}));
-  OneOp doubles("MatMul");
-  doubles.In<double>({1, 2}, {0.5, -2}).In<double>({2, 1}, {4, 0.25}).Attr("T", TF_DOUBLE);
-  ASSERT_EQ(doubles.Run(), TF_OK) << doubles.error();
-  EXPECT_EQ(doubles.Output<double>(), (std::vector<double>{1.5}));
+  EXPECT_EQ(RunOk<int32_t>(OneOp("MatMul").In<int32_t>({2, 3}, {1, 2, 3, 4, 5, 6})
+      .In<int32_t>({3, 2}, {7, 8, 9, 10, 11, 12})
+      .Attr("T", TF_INT32)), (std::vector<int32_t>{58, 64, 139, 154}));
+  EXPECT_EQ(RunOk<double>(OneOp("MatMul").In<double>({1, 2}, {0.5, -2})
+      .In<double>({2, 1}, {4, 0.25}).Attr("T", TF_DOUBLE)), (std::vector<double>{1.5}));
   // An empty inner dimension sums nothing: zeros, not garbage.
-  OneOp empty("MatMul");
-  empty.In<float>({2, 0}, {}).In<float>({0, 3}, {}).Attr("T", TF_FLOAT);
-  ASSERT_EQ(empty.Run(), TF_OK) << empty.error();
-  EXPECT_EQ(empty.OutputDims(), (Dims{2, 3}));
-  EXPECT_EQ(empty.Output<float>(), F(6, 0.0f));
+  ExpectOutput<float>(OneOp("MatMul").In<float>({2, 0}, {}).In<float>({0, 3}, {})
+      .Attr("T", TF_FLOAT), {2, 3}, F(6, 0.0f));
 }
 
 TEST(MatMulOpsTest, RejectsBadShapes) {
-  OneOp inner("MatMul");
-  inner.In<float>({2, 3}, kA).In<float>({2, 3}, kB).Attr("T", TF_FLOAT);
-  ExpectRunError(inner);
-  OneOp vector("MatMul");
-  vector.In<float>({6}, kA).In<float>({3, 2}, kB).Attr("T", TF_FLOAT);
-  ExpectRunError(vector);
+  ExpectRunError(OneOp("MatMul").In<float>({2, 3}, kA).In<float>({2, 3}, kB).Attr("T", TF_FLOAT));
+  ExpectRunError(OneOp("MatMul").In<float>({6}, kA).In<float>({3, 2}, kB).Attr("T", TF_FLOAT));
   // transpose_b makes [3,2] x [2,3]^T mismatch.
-  OneOp transposed("MatMul");
-  transposed.In<float>({2, 3}, kA).In<float>({3, 2}, kB).Attr("T", TF_FLOAT)
-      .Attr("transpose_b", true);
-  ExpectRunError(transposed);
+  ExpectRunError(OneOp("MatMul").In<float>({2, 3}, kA).In<float>({3, 2}, kB).Attr("T", TF_FLOAT)
+      .Attr("transpose_b", true));
 }
 
 TEST(MatMulOpsTest, BatchMatMulBroadcastsAndAdjoints) {
   // x: two 2x2 matrices; y: one 2x2 matrix broadcast over them.
   const F x = {1, 2, 3, 4, 0, 1, 1, 0};
   const F expected = {19, 22, 43, 50, 7, 8, 5, 6};
-  OneOp plain("BatchMatMulV2");
-  plain.In<float>({2, 2, 2}, x).In<float>({2, 2}, {5, 6, 7, 8}).Attr("T", TF_FLOAT);
-  ASSERT_EQ(plain.Run(), TF_OK) << plain.error();
-  EXPECT_EQ(plain.OutputDims(), (Dims{2, 2, 2}));
-  EXPECT_EQ(plain.Output<float>(), expected);
-  OneOp adj("BatchMatMulV2");
-  adj.In<float>({2, 2, 2}, x).In<float>({1, 2, 2}, {5, 7, 6, 8}).Attr("T", TF_FLOAT)
-      .Attr("adj_y", true);
-  ASSERT_EQ(adj.Run(), TF_OK) << adj.error();
-  EXPECT_EQ(adj.Output<float>(), expected);
+  ExpectOutput<float>(OneOp("BatchMatMulV2").In<float>({2, 2, 2}, x).In<float>({2, 2}, {5, 6, 7, 8})
+      .Attr("T", TF_FLOAT), {2, 2, 2}, expected);
+  EXPECT_EQ(RunOk<float>(OneOp("BatchMatMulV2").In<float>({2, 2, 2}, x)
+      .In<float>({1, 2, 2}, {5, 7, 6, 8}).Attr("T", TF_FLOAT).Attr("adj_y", true)), expected);
   // [2,1,1,2] x [3,2,1] broadcasts to [2,3,1,1].
-  OneOp both("BatchMatMulV2");
-  both.In<int32_t>({2, 1, 1, 2}, {1, 2, 10, 20})
-      .In<int32_t>({3, 2, 1}, {1, 1, 2, 0, 0, 3}).Attr("T", TF_INT32);
-  ASSERT_EQ(both.Run(), TF_OK) << both.error();
-  EXPECT_EQ(both.OutputDims(), (Dims{2, 3, 1, 1}));
-  EXPECT_EQ(both.Output<int32_t>(), (std::vector<int32_t>{3, 2, 6, 30, 20, 60}));
+  ExpectOutput<int32_t>(OneOp("BatchMatMulV2").In<int32_t>({2, 1, 1, 2}, {1, 2, 10, 20})
+      .In<int32_t>({3, 2, 1}, {1, 1, 2, 0, 0, 3})
+      .Attr("T", TF_INT32), {2, 3, 1, 1}, (std::vector<int32_t>{3, 2, 6, 30, 20, 60}));
 
-  OneOp clash("BatchMatMulV2");
-  clash.In<float>({2, 2, 2}, x).In<float>({3, 2, 2}, F(12, 1)).Attr("T", TF_FLOAT);
-  ExpectRunError(clash);
-  OneOp v1("BatchMatMul");  // the first version does not broadcast
-  v1.In<float>({2, 2, 2}, x).In<float>({1, 2, 2}, {5, 6, 7, 8}).Attr("T", TF_FLOAT);
-  ExpectRunError(v1);
-  OneOp low_rank("BatchMatMulV2");
-  low_rank.In<float>({2}, {1, 2}).In<float>({2, 2}, {5, 6, 7, 8}).Attr("T", TF_FLOAT);
-  ExpectRunError(low_rank);
+  ExpectRunError(OneOp("BatchMatMulV2").In<float>({2, 2, 2}, x).In<float>({3, 2, 2}, F(12, 1))
+      .Attr("T", TF_FLOAT));
+  // the first version does not broadcast
+  ExpectRunError(OneOp("BatchMatMul").In<float>({2, 2, 2}, x).In<float>({1, 2, 2}, {5, 6, 7, 8})
+      .Attr("T", TF_FLOAT));
+  ExpectRunError(OneOp("BatchMatMulV2").In<float>({2}, {1, 2}).In<float>({2, 2}, {5, 6, 7, 8})
+      .Attr("T", TF_FLOAT));
 }
 
 TEST(MatMulOpsTest, BiasAddAlongTheChannelDimension) {
-  OneOp nhwc("BiasAdd");
-  nhwc.In<float>({1, 2, 3}, {0, 1, 2, 3, 4, 5}).In<float>({3}, {10, 20, 30}).Attr("T", TF_FLOAT);
-  ASSERT_EQ(nhwc.Run(), TF_OK) << nhwc.error();
-  EXPECT_EQ(nhwc.OutputDims(), (Dims{1, 2, 3}));
-  EXPECT_EQ(nhwc.Output<float>(), (F{10, 21, 32, 13, 24, 35}));
-  OneOp nchw("BiasAdd");
-  nchw.In<float>({1, 3, 2}, {0, 1, 2, 3, 4, 5}).In<float>({3}, {10, 20, 30})
-      .Attr("T", TF_FLOAT).Attr("data_format", "NCHW");
-  ASSERT_EQ(nchw.Run(), TF_OK) << nchw.error();
-  EXPECT_EQ(nchw.Output<float>(), (F{10, 11, 22, 23, 34, 35}));
-  OneOp ints("BiasAdd");
-  ints.In<int32_t>({2, 2}, {1, 2, 3, 4}).In<int32_t>({2}, {-1, 100}).Attr("T", TF_INT32);
-  ASSERT_EQ(ints.Run(), TF_OK) << ints.error();
-  EXPECT_EQ(ints.Output<int32_t>(), (std::vector<int32_t>{0, 102, 2, 104}));
+  ExpectOutput<float>(OneOp("BiasAdd").In<float>({1, 2, 3}, {0, 1, 2, 3, 4, 5})
+      .In<float>({3}, {10, 20, 30}).Attr("T", TF_FLOAT), {1, 2, 3}, (F{10, 21, 32, 13, 24, 35}));
+  EXPECT_EQ(RunOk<float>(OneOp("BiasAdd").In<float>({1, 3, 2}, {0, 1, 2, 3, 4, 5})
+      .In<float>({3}, {10, 20, 30}).Attr("T", TF_FLOAT)
+      .Attr("data_format", "NCHW")), (F{10, 11, 22, 23, 34, 35}));
+  EXPECT_EQ(RunOk<int32_t>(OneOp("BiasAdd").In<int32_t>({2, 2}, {1, 2, 3, 4})
+      .In<int32_t>({2}, {-1, 100}).Attr("T", TF_INT32)), (std::vector<int32_t>{0, 102, 2, 104}));
 
-  OneOp mismatch("BiasAdd");
-  mismatch.In<float>({2, 3}, kA).In<float>({2}, {1, 2}).Attr("T", TF_FLOAT);
-  ExpectRunError(mismatch);
-  OneOp matrix_bias("BiasAdd");
-  matrix_bias.In<float>({2, 3}, kA).In<float>({1, 3}, {1, 2, 3}).Attr("T", TF_FLOAT);
-  ExpectRunError(matrix_bias);
-  OneOp vector_value("BiasAdd");
-  vector_value.In<float>({3}, {1, 2, 3}).In<float>({3}, {1, 2, 3}).Attr("T", TF_FLOAT);
-  ExpectRunError(vector_value);
+  ExpectRunError(OneOp("BiasAdd").In<float>({2, 3}, kA).In<float>({2}, {1, 2}).Attr("T", TF_FLOAT));
+  ExpectRunError(OneOp("BiasAdd").In<float>({2, 3}, kA).In<float>({1, 3}, {1, 2, 3})
+      .Attr("T", TF_FLOAT));
+  ExpectRunError(OneOp("BiasAdd").In<float>({3}, {1, 2, 3}).In<float>({3}, {1, 2, 3})
+      .Attr("T", TF_FLOAT));
 }
 
 // A 3x3 single-channel image 1..9 and the 2x2 filter [[1,0],[0,1]], so each
@@ -150,17 +117,12 @@ const F kDiag = {1, 0, 0, 1};
 TEST(ConvOpsTest, ChannelsBatchesAndDtypes) {
   // Two images of two channels into three output channels through 1x1.
   const F filter = {1, 2, 3, 4, 5, 6};  // [1,1,2,3]
-  OneOp mix("Conv2D");
-  mix.In<float>({2, 1, 1, 2}, {1, 2, 3, 4}).In<float>({1, 1, 2, 3}, filter)
-      .Attr("T", TF_FLOAT).Attr("padding", "VALID").Attr("strides", L{1, 1, 1, 1});
-  ASSERT_EQ(mix.Run(), TF_OK) << mix.error();
-  EXPECT_EQ(mix.OutputDims(), (Dims{2, 1, 1, 3}));
-  EXPECT_EQ(mix.Output<float>(), (F{9, 12, 15, 19, 26, 33}));
-  OneOp ints("Conv2D");
-  ints.In<int32_t>({1, 3, 3, 1}, {1, 2, 3, 4, 5, 6, 7, 8, 9}).In<int32_t>({2, 2, 1, 1}, {1, 0, 0, 1})
-      .Attr("T", TF_INT32).Attr("padding", "VALID").Attr("strides", L{1, 1, 1, 1});
-  ASSERT_EQ(ints.Run(), TF_OK) << ints.error();
-  EXPECT_EQ(ints.Output<int32_t>(), (std::vector<int32_t>{6, 8, 12, 14}));
+  ExpectOutput<float>(OneOp("Conv2D").In<float>({2, 1, 1, 2}, {1, 2, 3, 4})
+      .In<float>({1, 1, 2, 3}, filter).Attr("T", TF_FLOAT).Attr("padding", "VALID")
+      .Attr("strides", L{1, 1, 1, 1}), {2, 1, 1, 3}, (F{9, 12, 15, 19, 26, 33}));
+  EXPECT_EQ(RunOk<int32_t>(OneOp("Conv2D").In<int32_t>({1, 3, 3, 1}, {1, 2, 3, 4, 5, 6, 7, 8, 9})
+      .In<int32_t>({2, 2, 1, 1}, {1, 0, 0, 1}).Attr("T", TF_INT32).Attr("padding", "VALID")
+      .Attr("strides", L{1, 1, 1, 1})), (std::vector<int32_t>{6, 8, 12, 14}));
   // An empty batch gives an empty output of the right shape.
   OneOp empty("Conv2D");
   empty.In<float>({0, 3, 3, 1}, {}).In<float>({2, 2, 1, 1}, kDiag)
@@ -206,16 +168,13 @@ TEST(ConvOpsTest, RejectsBadInputsAndAttributes) {
 
 // Float values at every padding and stride are checked against TF.js.
 TEST(ConvOpsTest, DepthwiseDoublesAndChannelMismatch) {
-  OneOp doubles("DepthwiseConv2dNative");
-  doubles.In<double>({1, 1, 1, 2}, {2, 3}).In<double>({1, 1, 2, 1}, {0.5, -1})
-      .Attr("T", TF_DOUBLE).Attr("padding", "VALID").Attr("strides", L{1, 1, 1, 1});
-  ASSERT_EQ(doubles.Run(), TF_OK) << doubles.error();
-  EXPECT_EQ(doubles.Output<double>(), (std::vector<double>{1, -3}));
+  EXPECT_EQ(RunOk<double>(OneOp("DepthwiseConv2dNative").In<double>({1, 1, 1, 2}, {2, 3})
+      .In<double>({1, 1, 2, 1}, {0.5, -1}).Attr("T", TF_DOUBLE).Attr("padding", "VALID")
+      .Attr("strides", L{1, 1, 1, 1})), (std::vector<double>{1, -3}));
 
-  OneOp mismatch("DepthwiseConv2dNative");
-  mismatch.In<float>({1, 2, 2, 2}, F(8, 1)).In<float>({1, 1, 3, 1}, {1, 1, 1})
-      .Attr("T", TF_FLOAT).Attr("padding", "VALID").Attr("strides", L{1, 1, 1, 1});
-  ExpectRunError(mismatch);
+  ExpectRunError(OneOp("DepthwiseConv2dNative").In<float>({1, 2, 2, 2}, F(8, 1))
+      .In<float>({1, 1, 3, 1}, {1, 1, 1}).Attr("T", TF_FLOAT).Attr("padding", "VALID")
+      .Attr("strides", L{1, 1, 1, 1}));
 }
 
 OneOp& Pool(OneOp& op, const F& image, L ksize, L strides, const char* padding) {
@@ -227,11 +186,9 @@ OneOp& Pool(OneOp& op, const F& image, L ksize, L strides, const char* padding) 
 // and explicit padding, which must never win a maximum.
 TEST(PoolingOpsTest, MaxPoolIntegersAndExplicitPadding) {
   const F negative = {-1, -2, -3, -4, -5, -6, -7, -8, -9};
-  OneOp ints("MaxPool");
-  ints.In<int32_t>({1, 1, 4, 2}, {1, -1, 5, -5, 2, -2, 0, 7}).Attr("T", TF_INT32)
-      .Attr("ksize", L{1, 1, 2, 1}).Attr("strides", L{1, 1, 2, 1}).Attr("padding", "VALID");
-  ASSERT_EQ(ints.Run(), TF_OK) << ints.error();
-  EXPECT_EQ(ints.Output<int32_t>(), (std::vector<int32_t>{5, -1, 2, 7}));
+  EXPECT_EQ(RunOk<int32_t>(OneOp("MaxPool").In<int32_t>({1, 1, 4, 2}, {1, -1, 5, -5, 2, -2, 0, 7})
+      .Attr("T", TF_INT32).Attr("ksize", L{1, 1, 2, 1}).Attr("strides", L{1, 1, 2, 1})
+      .Attr("padding", "VALID")), (std::vector<int32_t>{5, -1, 2, 7}));
   OneOp explicit_pad("MaxPool");
   Pool(explicit_pad, negative, {1, 1, 1, 1}, {1, 1, 1, 1}, "EXPLICIT")
       .Attr("explicit_paddings", L{0, 0, 1, 0, 0, 0, 0, 0});
@@ -243,10 +200,8 @@ TEST(PoolingOpsTest, MaxPoolIntegersAndExplicitPadding) {
 }
 
 TEST(PoolingOpsTest, RejectsBadInputsAndAttributes) {
-  OneOp rank("MaxPool");
-  rank.In<float>({3, 3, 1}, kImage).Attr("T", TF_FLOAT).Attr("ksize", L{1, 2, 2, 1})
-      .Attr("strides", L{1, 1, 1, 1}).Attr("padding", "VALID");
-  ExpectRunError(rank);
+  ExpectRunError(OneOp("MaxPool").In<float>({3, 3, 1}, kImage).Attr("T", TF_FLOAT)
+      .Attr("ksize", L{1, 2, 2, 1}).Attr("strides", L{1, 1, 1, 1}).Attr("padding", "VALID"));
   OneOp batch_window("MaxPool");
   ExpectRunError(Pool(batch_window, kImage, {2, 2, 2, 1}, {1, 1, 1, 1}, "VALID"));
   OneOp zero_window("AvgPool");
@@ -573,23 +528,18 @@ TEST(EinsumOpsTest, MatrixFormsMatchDirectSums) {
     ASSERT_EQ(got.size(), size_t{B * I * K}) << c.eq;
     for (int b = 0; b < B; ++b) {
       for (int i = 0; i < I; ++i) {
-        for (int k = 0; k < K; ++k) {
+        for (int k = 0; k < K; ++k)
           EXPECT_NEAR(got[c.at(b, i, k)], c.want(b, i, k), 1e-5) << c.eq;
-        }
       }
     }
   }
   // Plain matmul with an integer type, and a transposed output.
-  OneOp ints("Einsum");
-  ints.In<int32_t>({2, 3}, {1, 2, 3, 4, 5, 6}).In<int32_t>({3, 2}, {1, 0, 0, 1, 1, 1})
-      .Attr("T", TF_INT32).Attr("N", 2).Attr("equation", "ij,jk->ki");
-  ASSERT_EQ(ints.Run(), TF_OK) << ints.error();
-  EXPECT_EQ(ints.Output<int32_t>(), (std::vector<int32_t>{4, 10, 5, 11}));
+  EXPECT_EQ(RunOk<int32_t>(OneOp("Einsum").In<int32_t>({2, 3}, {1, 2, 3, 4, 5, 6})
+      .In<int32_t>({3, 2}, {1, 0, 0, 1, 1, 1}).Attr("T", TF_INT32).Attr("N", 2)
+      .Attr("equation", "ij,jk->ki")), (std::vector<int32_t>{4, 10, 5, 11}));
   // Mismatched contracted sizes, and forms outside the matrix ones.
-  OneOp mismatch("Einsum");
-  mismatch.In<float>({2, 3}, random(6)).In<float>({4, 2}, random(8)).Attr("T", TF_FLOAT)
-      .Attr("N", 2).Attr("equation", "ij,jk->ik");
-  ExpectRunError(mismatch);
+  ExpectRunError(OneOp("Einsum").In<float>({2, 3}, random(6)).In<float>({4, 2}, random(8))
+      .Attr("T", TF_FLOAT).Attr("N", 2).Attr("equation", "ij,jk->ik"));
   OneOp trace("Einsum");
   trace.In<float>({2, 2}, random(4)).In<float>({2, 2}, random(4)).Attr("T", TF_FLOAT)
       .Attr("N", 2).Attr("equation", "ii,ij->j");
@@ -634,12 +584,9 @@ TEST(Window3DOpsTest, ReduceToTheTwoDimensionalOps) {
         dil.insert(dil.begin() + at, 1);
         L fdims{3, 2, C, O};
         fdims.insert(fdims.begin() + (at - 1), 1);
-        OneOp conv3d("Conv3D");
-        conv3d.In<float>(insert_unit({N, H, W, C}, at), x).In<float>(fdims, f)
-            .Attr("T", TF_FLOAT).Attr("strides", strides).Attr("padding", padding)
-            .Attr("dilations", dil);
-        ASSERT_EQ(conv3d.Run(), TF_OK) << conv3d.error();
-        ExpectNear(conv3d.Output<float>(), want, 1e-4f);
+        ExpectNear(RunOk<float>(OneOp("Conv3D").In<float>(insert_unit({N, H, W, C}, at), x)
+            .In<float>(fdims, f).Attr("T", TF_FLOAT).Attr("strides", strides)
+            .Attr("padding", padding).Attr("dilations", dil)), want, 1e-4f);
 
         for (const char* pool : {"MaxPool", "AvgPool"}) {
           OneOp p2(pool);
@@ -665,18 +612,13 @@ TEST(Window3DOpsTest, ReduceToTheTwoDimensionalOps) {
   EXPECT_EQ(avg.OutputDims(), (Dims{1, 1, 1, 2, 1}));
   ExpectNear(avg.Output<float>(), {(1 + 2 + 4 + 5 + 7 + 8 + 10 + 11) / 8.0f, (3 + 6 + 9 + 12) / 4.0f});
   // Bad shapes and attributes.
-  OneOp too_big("MaxPool3D");
-  too_big.In<float>({1, 2, 2, 2, 1}, random(8)).Attr("T", TF_FLOAT)
-      .Attr("ksize", L{1, 3, 1, 1, 1}).Attr("strides", L{1, 1, 1, 1, 1}).Attr("padding", "VALID");
-  ExpectRunError(too_big);
-  OneOp rank4("Conv3D");
-  rank4.In<float>({1, 2, 2, 1}, random(4)).In<float>({1, 1, 1, 1, 1}, {1}).Attr("T", TF_FLOAT)
-      .Attr("strides", L{1, 1, 1, 1, 1}).Attr("padding", "VALID");
-  ExpectRunError(rank4);
-  OneOp depth("Conv3D");
-  depth.In<float>({1, 1, 1, 1, 2}, random(2)).In<float>({1, 1, 1, 3, 1}, random(3))
-      .Attr("T", TF_FLOAT).Attr("strides", L{1, 1, 1, 1, 1}).Attr("padding", "VALID");
-  ExpectRunError(depth);
+  ExpectRunError(OneOp("MaxPool3D").In<float>({1, 2, 2, 2, 1}, random(8)).Attr("T", TF_FLOAT)
+      .Attr("ksize", L{1, 3, 1, 1, 1}).Attr("strides", L{1, 1, 1, 1, 1}).Attr("padding", "VALID"));
+  ExpectRunError(OneOp("Conv3D").In<float>({1, 2, 2, 1}, random(4)).In<float>({1, 1, 1, 1, 1}, {1})
+      .Attr("T", TF_FLOAT).Attr("strides", L{1, 1, 1, 1, 1}).Attr("padding", "VALID"));
+  ExpectRunError(OneOp("Conv3D").In<float>({1, 1, 1, 1, 2}, random(2))
+      .In<float>({1, 1, 1, 3, 1}, random(3)).Attr("T", TF_FLOAT).Attr("strides", L{1, 1, 1, 1, 1})
+      .Attr("padding", "VALID"));
   OneOp batch_stride("Conv3D");
   batch_stride.In<float>({1, 1, 1, 1, 1}, {1}).In<float>({1, 1, 1, 1, 1}, {1})
       .Attr("T", TF_FLOAT).Attr("strides", L{2, 1, 1, 1, 1}).Attr("padding", "VALID");

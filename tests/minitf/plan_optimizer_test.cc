@@ -228,9 +228,8 @@ TEST(ConvChainPlanTest, BatchNormAndDilationAreFoldedIntoTheChain) {
   const auto labels = PlanLabels(g, {"act"});
   EXPECT_TRUE(HasLabel(labels, "SpaceToBatchND+Conv2D+BatchToSpaceND+FusedBatchNormV3+Relu"))
       << Joined(labels);
-  for (const char* alone : {"SpaceToBatchND", "Conv2D", "BatchToSpaceND", "FusedBatchNormV3"}) {
+  for (const char* alone : {"SpaceToBatchND", "Conv2D", "BatchToSpaceND", "FusedBatchNormV3"})
     EXPECT_FALSE(HasLabel(labels, alone)) << Joined(labels);
-  }
   auto x = MakeTensor<float>({1, 8, 8, 4}, Random(rng, 256));
   ExpectSameAsUnfused(g, {{"x", x.get()}}, {"act"});
 }

@@ -133,9 +133,7 @@ TEST(ReductionOpsTest, BadAxesAreErrors) {
     ExpectRunError(o);
     EXPECT_NE(o.error().find("Invalid reduction dimension"), std::string::npos) << o.error();
   }
-  OneOp scalar_input("Max");
-  scalar_input.In<float>({}, {1}).In<int32_t>({1}, {0}).Attr("T", TF_FLOAT);
-  ExpectRunError(scalar_input);
+  ExpectRunError(OneOp("Max").In<float>({}, {1}).In<int32_t>({1}, {0}).Attr("T", TF_FLOAT));
 }
 
 // Naive double-precision sums over random shapes and axis sets. Values are
@@ -249,18 +247,12 @@ TEST(ArgReductionOpsTest, IndicesTiesAndNaN) {
 }
 
 TEST(ArgReductionOpsTest, BadDimensionsAreErrors) {
-  OneOp out_of_range("ArgMax");
-  out_of_range.In<float>({2, 3}, kMatrix).In<int32_t>({}, {2}).Attr("T", TF_FLOAT);
-  ExpectRunError(out_of_range);
-  OneOp empty_axis("ArgMax");
-  empty_axis.In<float>({2, 0}, {}).In<int32_t>({}, {1}).Attr("T", TF_FLOAT);
-  ExpectRunError(empty_axis);
-  OneOp vector_dim("ArgMin");
-  vector_dim.In<float>({2, 3}, kMatrix).In<int32_t>({1}, {0}).Attr("T", TF_FLOAT);
-  ExpectRunError(vector_dim);
-  OneOp scalar("ArgMax");
-  scalar.In<float>({}, {1}).In<int32_t>({}, {0}).Attr("T", TF_FLOAT);
-  ExpectRunError(scalar);
+  ExpectRunError(OneOp("ArgMax").In<float>({2, 3}, kMatrix).In<int32_t>({}, {2})
+      .Attr("T", TF_FLOAT));
+  ExpectRunError(OneOp("ArgMax").In<float>({2, 0}, {}).In<int32_t>({}, {1}).Attr("T", TF_FLOAT));
+  ExpectRunError(OneOp("ArgMin").In<float>({2, 3}, kMatrix).In<int32_t>({1}, {0})
+      .Attr("T", TF_FLOAT));
+  ExpectRunError(OneOp("ArgMax").In<float>({}, {1}).In<int32_t>({}, {0}).Attr("T", TF_FLOAT));
   // An empty kept axis is fine: the output is empty too.
   OneOp empty_rows("ArgMax");
   empty_rows.In<float>({0, 3}, {}).In<int32_t>({}, {1}).Attr("T", TF_FLOAT);

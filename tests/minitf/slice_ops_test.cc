@@ -14,7 +14,9 @@ namespace {
 
 using testing_support::Dims;
 using testing_support::ExpectRunError;
+using testing_support::ExpectOutput;
 using testing_support::OneOp;
+using testing_support::RunOk;
 
 std::vector<int32_t> Iota(int n) {
   std::vector<int32_t> v(n);
@@ -117,16 +119,12 @@ TEST(StridedSliceTest, IndexTypesAndElementTypes) {
 
   // Extreme int64 bounds clamp without overflow: v[max:min:-2] on [0..4].
   const int64_t lo = std::numeric_limits<int64_t>::min(), hi = std::numeric_limits<int64_t>::max();
-  OneOp ext("StridedSlice");
-  ext.In<int32_t>({5}, Iota(5)).In<int64_t>({1}, {hi}).In<int64_t>({1}, {lo}).In<int64_t>({1}, {-2})
-      .Attr("T", TF_INT32).Attr("Index", TF_INT64);
-  ASSERT_EQ(ext.Run(), TF_OK) << ext.error();
-  EXPECT_EQ(ext.Output<int32_t>(), (std::vector<int32_t>{4, 2, 0}));
-  OneOp ext_shrink("StridedSlice");
-  ext_shrink.In<int32_t>({5}, Iota(5)).In<int64_t>({1}, {lo}).In<int64_t>({1}, {0})
-      .In<int64_t>({1}, {1}).Attr("T", TF_INT32).Attr("Index", TF_INT64)
-      .Attr("shrink_axis_mask", 1);
-  ExpectRunError(ext_shrink);
+  EXPECT_EQ(RunOk<int32_t>(OneOp("StridedSlice").In<int32_t>({5}, Iota(5)).In<int64_t>({1}, {hi})
+      .In<int64_t>({1}, {lo}).In<int64_t>({1}, {-2}).Attr("T", TF_INT32)
+      .Attr("Index", TF_INT64)), (std::vector<int32_t>{4, 2, 0}));
+  ExpectRunError(OneOp("StridedSlice").In<int32_t>({5}, Iota(5)).In<int64_t>({1}, {lo})
+      .In<int64_t>({1}, {0}).In<int64_t>({1}, {1}).Attr("T", TF_INT32).Attr("Index", TF_INT64)
+      .Attr("shrink_axis_mask", 1));
 
   OneOp b("StridedSlice");
   b.In<bool>({4}, {true, false, false, true})
@@ -157,12 +155,9 @@ TEST(StridedSliceTest, RejectsBadIndices) {
 
 TEST(SliceTest, BoxesWithSizeToTheEnd) {
   // x[1:2, :, 1:3] written as begin [1, 0, 1], size [1, -1, 2].
-  OneOp a("Slice");
-  a.In<int32_t>({2, 3, 4}, Iota(24)).In<int32_t>({3}, {1, 0, 1}).In<int32_t>({3}, {1, -1, 2})
-      .Attr("T", TF_INT32).Attr("Index", TF_INT32);
-  ASSERT_EQ(a.Run(), TF_OK) << a.error();
-  EXPECT_EQ(a.OutputDims(), (Dims{1, 3, 2}));
-  EXPECT_EQ(a.Output<int32_t>(), (std::vector<int32_t>{13, 14, 17, 18, 21, 22}));
+  ExpectOutput<int32_t>(OneOp("Slice").In<int32_t>({2, 3, 4}, Iota(24)).In<int32_t>({3}, {1, 0, 1})
+      .In<int32_t>({3}, {1, -1, 2}).Attr("T", TF_INT32)
+      .Attr("Index", TF_INT32), {1, 3, 2}, (std::vector<int32_t>{13, 14, 17, 18, 21, 22}));
 
   // int64 indices, uint8 data, an empty box at the very end of a dim.
   OneOp e("Slice");
@@ -171,11 +166,9 @@ TEST(SliceTest, BoxesWithSizeToTheEnd) {
   ASSERT_EQ(e.Run(), TF_OK) << e.error();
   EXPECT_EQ(e.OutputDims(), (Dims{2, 0}));
 
-  OneOp w("Slice");
-  w.In<double>({3}, {1.0, 2.0, 3.0}).In<int32_t>({1}, {0}).In<int32_t>({1}, {-1})
-      .Attr("T", TF_DOUBLE).Attr("Index", TF_INT32);
-  ASSERT_EQ(w.Run(), TF_OK) << w.error();
-  EXPECT_EQ(w.Output<double>(), (std::vector<double>{1.0, 2.0, 3.0}));
+  EXPECT_EQ(RunOk<double>(OneOp("Slice").In<double>({3}, {1.0, 2.0, 3.0}).In<int32_t>({1}, {0})
+      .In<int32_t>({1}, {-1}).Attr("T", TF_DOUBLE)
+      .Attr("Index", TF_INT32)), (std::vector<double>{1.0, 2.0, 3.0}));
 }
 
 TEST(SliceTest, RejectsOutOfRangeBoxes) {
@@ -187,12 +180,10 @@ TEST(SliceTest, RejectsOutOfRangeBoxes) {
       {{0}, {1}},          // one entry for two dims
   };
   for (const auto& [begin, size] : bad) {
-    OneOp op("Slice");
-    op.In<float>({2, 3}, {0, 1, 2, 3, 4, 5})
+    ExpectRunError(OneOp("Slice").In<float>({2, 3}, {0, 1, 2, 3, 4, 5})
         .In<int32_t>({static_cast<int64_t>(begin.size())}, begin)
-        .In<int32_t>({static_cast<int64_t>(size.size())}, size)
-        .Attr("T", TF_FLOAT).Attr("Index", TF_INT32);
-    ExpectRunError(op);
+        .In<int32_t>({static_cast<int64_t>(size.size())}, size).Attr("T", TF_FLOAT)
+        .Attr("Index", TF_INT32));
   }
 }
 
