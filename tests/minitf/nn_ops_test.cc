@@ -479,59 +479,32 @@ TEST(DnnlDifferentialTest, ConcurrentRunsShareOneKernel) {
 // Einsum's matrix forms against a direct sum over the contracted label.
 TEST(EinsumOpsTest, MatrixFormsMatchDirectSums) {
   std::mt19937 rng(21);
-  std::uniform_real_distribution<float> u(-1, 1);
-  auto random = [&](size_t n) {
-    std::vector<float> v(n);
-    for (float& x : v) x = u(rng);
-    return v;
-  };
+  auto random = [&](size_t n) { return RandomVector(rng, static_cast<int64_t>(n)); };
   const int B = 2, I = 3, J = 4, K = 5;
-  const auto a = random(B * I * J);  // [b, i, j]
-  const auto bm = random(B * J * K);  // [b, j, k]
-  const auto bt = random(B * K * J);  // [b, k, j]
-  struct Case {
-    const char* eq;
-    Dims a_dims, b_dims;
-    const std::vector<float>* b;
-    Dims out_dims;
-    // out[b, i, k] position and the value at (b, i, k).
-    std::function<float(int, int, int)> want;
-    std::function<int(int, int, int)> at;
-  };
-  auto matmul = [&](int b, int i, int k) {
-    float s = 0;
-    for (int j = 0; j < J; ++j) s += a[(b * I + i) * J + j] * bm[(b * J + j) * K + k];
-    return s;
-  };
-  auto matmul_t = [&](int b, int i, int k) {
-    float s = 0;
-    for (int j = 0; j < J; ++j) s += a[(b * I + i) * J + j] * bt[(b * K + k) * J + j];
-    return s;
-  };
-  const std::vector<Case> cases{
-      {"bij,bjk->bik", {B, I, J}, {B, J, K}, &bm, {B, I, K}, matmul,
-       [&](int b, int i, int k) { return (b * I + i) * K + k; }},
-      {"bij,bkj->bik", {B, I, J}, {B, K, J}, &bt, {B, I, K}, matmul_t,
-       [&](int b, int i, int k) { return (b * I + i) * K + k; }},
-      {"bij,bjk->bki", {B, I, J}, {B, J, K}, &bm, {B, K, I}, matmul,
-       [&](int b, int i, int k) { return (b * K + k) * I + i; }},
-      {"...ij,...jk->...ik", {B, I, J}, {B, J, K}, &bm, {B, I, K}, matmul,
-       [&](int b, int i, int k) { return (b * I + i) * K + k; }},
-  };
-  for (const Case& c : cases) {
-    OneOp op("Einsum");
-    op.In<float>(c.a_dims, a).In<float>(c.b_dims, *c.b).Attr("T", TF_FLOAT).Attr("N", 2)
-        .Attr("equation", c.eq);
-    ASSERT_EQ(op.Run(), TF_OK) << c.eq << ": " << op.error();
-    EXPECT_EQ(op.OutputDims(), c.out_dims) << c.eq;
-    const auto got = op.Output<float>();
-    ASSERT_EQ(got.size(), size_t{B * I * K}) << c.eq;
-    for (int b = 0; b < B; ++b) {
-      for (int i = 0; i < I; ++i) {
-        for (int k = 0; k < K; ++k)
-          EXPECT_NEAR(got[c.at(b, i, k)], c.want(b, i, k), 1e-5) << c.eq;
+  const F a = random(B * I * J), bm = random(B * J * K);  // [b, i, j], [b, j, k]
+  F bt(bm.size()), prod(B * I * K, 0.0f), prod_t(prod.size());  // bm as [b, k, j]; a x bm
+  for (int b = 0; b < B; ++b)
+    for (int k = 0; k < K; ++k)
+      for (int j = 0; j < J; ++j) {
+        bt[(b * K + k) * J + j] = bm[(b * J + j) * K + k];
+        for (int i = 0; i < I; ++i)
+          prod[(b * I + i) * K + k] += a[(b * I + i) * J + j] * bm[(b * J + j) * K + k];
       }
-    }
+  for (int b = 0; b < B; ++b)
+    for (int i = 0; i < I; ++i)
+      for (int k = 0; k < K; ++k) prod_t[(b * K + k) * I + i] = prod[(b * I + i) * K + k];
+  struct Case { const char* eq; Dims b_dims; const F* b; Dims out_dims; const F* want; };
+  for (const Case& c : {Case{"bij,bjk->bik", {B, J, K}, &bm, {B, I, K}, &prod},
+                        Case{"bij,bkj->bik", {B, K, J}, &bt, {B, I, K}, &prod},
+                        Case{"bij,bjk->bki", {B, J, K}, &bm, {B, K, I}, &prod_t},
+                        Case{"...ij,...jk->...ik", {B, J, K}, &bm, {B, I, K}, &prod}}) {
+    SCOPED_TRACE(c.eq);
+    OneOp op("Einsum");
+    op.In<float>({B, I, J}, a).In<float>(c.b_dims, *c.b).Attr("T", TF_FLOAT).Attr("N", 2)
+        .Attr("equation", c.eq);
+    ASSERT_EQ(op.Run(), TF_OK) << op.error();
+    EXPECT_EQ(op.OutputDims(), c.out_dims);
+    ExpectNear(op.Output<float>(), *c.want);
   }
   // Plain matmul with an integer type, and a transposed output.
   EXPECT_EQ(RunOk<int32_t>(OneOp("Einsum").In<int32_t>({2, 3}, {1, 2, 3, 4, 5, 6})
@@ -540,14 +513,10 @@ TEST(EinsumOpsTest, MatrixFormsMatchDirectSums) {
   // Mismatched contracted sizes, and forms outside the matrix ones.
   ExpectRunError(OneOp("Einsum").In<float>({2, 3}, random(6)).In<float>({4, 2}, random(8))
       .Attr("T", TF_FLOAT).Attr("N", 2).Attr("equation", "ij,jk->ik"));
-  OneOp trace("Einsum");
-  trace.In<float>({2, 2}, random(4)).In<float>({2, 2}, random(4)).Attr("T", TF_FLOAT)
-      .Attr("N", 2).Attr("equation", "ii,ij->j");
-  EXPECT_NE(trace.Run(), TF_OK);
-  OneOp implicit("Einsum");
-  implicit.In<float>({2, 2}, random(4)).In<float>({2, 2}, random(4)).Attr("T", TF_FLOAT)
-      .Attr("N", 2).Attr("equation", "ij,jk");
-  EXPECT_NE(implicit.Run(), TF_OK);
+  for (const char* eq : {"ii,ij->j", "ij,jk"}) {  // a trace; an implicit output
+    EXPECT_NE(OneOp("Einsum").In<float>({2, 2}, random(4)).In<float>({2, 2}, random(4))
+                  .Attr("T", TF_FLOAT).Attr("N", 2).Attr("equation", eq).Run(), TF_OK) << eq;
+  }
 }
 
 // The volumetric ops with one spatial dim of size 1 are their 2-D
@@ -555,12 +524,7 @@ TEST(EinsumOpsTest, MatrixFormsMatchDirectSums) {
 // AvgPool, with the unit dim placed in each of the three positions.
 TEST(Window3DOpsTest, ReduceToTheTwoDimensionalOps) {
   std::mt19937 rng(31);
-  std::uniform_real_distribution<float> u(-1, 1);
-  auto random = [&](size_t n) {
-    std::vector<float> v(n);
-    for (float& x : v) x = u(rng);
-    return v;
-  };
+  auto random = [&](size_t n) { return RandomVector(rng, static_cast<int64_t>(n)); };
   const int64_t N = 2, H = 6, W = 5, C = 3, O = 4;
   const auto x = random(N * H * W * C);
   const auto f = random(3 * 2 * C * O);
@@ -683,11 +647,9 @@ TEST(BatchNormOpsTest, StatisticsOutputsAndErrors) {
   std::vector<testing_support::TensorPtr> out;
   ASSERT_EQ(session.Run({}, {"bn", "bn:1", "bn:2", "bn:3", "bn:4", "bn:5"}, &out), TF_OK)
       << session.last_error();
-  EXPECT_EQ(testing_support::Values<float>(out[0].get()), (F{0, 1.5f, 1, 2.5f}));
-  EXPECT_EQ(testing_support::Values<float>(out[1].get()), (F{1, 1}));
-  EXPECT_EQ(testing_support::Values<float>(out[2].get()), (F{4, 16}));
-  EXPECT_EQ(testing_support::Values<float>(out[3].get()), (F{1, 1}));
-  EXPECT_EQ(testing_support::Values<float>(out[4].get()), (F{4, 16}));
+  std::vector<F> got;
+  for (const auto& t : out) got.push_back(testing_support::Values<float>(t.get()));
+  EXPECT_EQ(got, (std::vector<F>{{0, 1.5f, 1, 2.5f}, {1, 1}, {4, 16}, {1, 1}, {4, 16}, {}}));
   EXPECT_EQ(testing_support::DimsOf(out[5].get()), (Dims{0}));
 
   auto base = [](OneOp& op, const Dims& dims, int64_t depth) -> OneOp& {
