@@ -1,6 +1,7 @@
 // Graph import: what a GraphDef must satisfy, and the errors when it does not.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <random>
 
 #include "support/graph_builder.h"
@@ -112,91 +113,58 @@ TEST(ImportTest, DefaultAttributesAreFilledAndSerialised) {
 TEST(ImportTest, MalformedGraphsAreRejectedNamingTheNode) {
   struct Case {
     const char* what;
-    GraphBuilder graph;
+    std::function<void(GraphBuilder&)> build;
     TF_Code code;
     const char* needle;
   };
-  std::vector<Case> cases;
-  {
-    GraphBuilder g;
-    g.Node("NoSuchOp", "weird");
-    cases.push_back({"unknown op", g, TF_NOT_FOUND, "NoSuchOp"});
-  }
-  {
-    GraphBuilder g;
-    g.Placeholder("x", TF_FLOAT);
-    g.Node("Identity", "y").Input("nowhere").Attr("T", TF_FLOAT);
-    cases.push_back({"dangling input", g, TF_INVALID_ARGUMENT, "nowhere"});
-  }
-  {
-    GraphBuilder g;
-    g.Placeholder("x", TF_FLOAT);
-    g.Node("Identity", "y").Input("x:1").Attr("T", TF_FLOAT);
-    cases.push_back({"output index out of range", g, TF_INVALID_ARGUMENT, "'y'"});
-  }
-  {
-    GraphBuilder g;
-    g.Placeholder("x", TF_FLOAT);
-    g.Placeholder("x", TF_FLOAT);
-    cases.push_back({"duplicate names", g, TF_INVALID_ARGUMENT, "'x'"});
-  }
-  {
-    GraphBuilder g;
-    g.Node("Identity", "a").Input("b").Attr("T", TF_FLOAT);
-    g.Node("Identity", "b").Input("a").Attr("T", TF_FLOAT);
-    cases.push_back({"cycle", g, TF_INVALID_ARGUMENT, "cycle"});
-  }
-  {
-    GraphBuilder g;
-    g.Placeholder("x", TF_FLOAT);
-    g.Node("Identity", "self").Input("x").Input("^self").Attr("T", TF_FLOAT);
-    cases.push_back({"control self-loop", g, TF_INVALID_ARGUMENT, "cycle"});
-  }
-  {
-    GraphBuilder g;
-    g.Node("Placeholder", "x").Attr("dtype", 3.5f);
-    cases.push_back({"attribute of the wrong kind", g, TF_INVALID_ARGUMENT, "dtype"});
-  }
-  {
-    GraphBuilder g;
-    g.Node("Identity", "y");
-    cases.push_back({"missing attribute", g, TF_INVALID_ARGUMENT, "'y'"});
-  }
-  {
-    GraphBuilder g;
-    g.Placeholder("x", TF_INT32);
-    g.Node("Identity", "y").Input("x").Attr("T", TF_FLOAT);
-    cases.push_back({"input dtype mismatch", g, TF_INVALID_ARGUMENT, "int32"});
-  }
-  {
+  // Every graph starts with a valid float placeholder "x".
+  using G = GraphBuilder&;
+  const Case cases[] = {
+      {"unknown op", [](G g) { g.Node("NoSuchOp", "weird"); }, TF_NOT_FOUND, "NoSuchOp"},
+      {"dangling input", [](G g) { g.Node("Identity", "y").Input("nowhere").Attr("T", TF_FLOAT); },
+       TF_INVALID_ARGUMENT, "nowhere"},
+      {"output index out of range",
+       [](G g) { g.Node("Identity", "y").Input("x:1").Attr("T", TF_FLOAT); },
+       TF_INVALID_ARGUMENT, "'y'"},
+      {"duplicate names", [](G g) { g.Placeholder("x", TF_FLOAT); }, TF_INVALID_ARGUMENT, "'x'"},
+      {"cycle",
+       [](G g) {
+         g.Node("Identity", "a").Input("b").Attr("T", TF_FLOAT);
+         g.Node("Identity", "b").Input("a").Attr("T", TF_FLOAT);
+       },
+       TF_INVALID_ARGUMENT, "cycle"},
+      {"control self-loop",
+       [](G g) { g.Node("Identity", "self").Input("x").Input("^self").Attr("T", TF_FLOAT); },
+       TF_INVALID_ARGUMENT, "cycle"},
+      {"attribute of the wrong kind", [](G g) { g.Node("Placeholder", "p").Attr("dtype", 3.5f); },
+       TF_INVALID_ARGUMENT, "dtype"},
+      {"missing attribute", [](G g) { g.Node("Identity", "y"); }, TF_INVALID_ARGUMENT, "'y'"},
+      {"input dtype mismatch",
+       [](G g) {
+         g.Placeholder("i", TF_INT32);
+         g.Node("Identity", "y").Input("i").Attr("T", TF_FLOAT);
+       },
+       TF_INVALID_ARGUMENT, "int32"},
+      {"too many inputs",
+       [](G g) { g.Node("Identity", "y").Input("x").Input("x").Attr("T", TF_FLOAT); },
+       TF_INVALID_ARGUMENT, "'y'"},
+      {"data input after control input",
+       [](G g) { g.Node("Identity", "y").Input("^x").Input("x").Attr("T", TF_FLOAT); },
+       TF_INVALID_ARGUMENT, "'y'"},
+      {"invalid node name", [](G g) { g.Placeholder("bad name!", TF_FLOAT); }, TF_INVALID_ARGUMENT,
+       "bad name!"},
+      {"reference dtype",
+       [](G g) { g.Node("Placeholder", "p").Attr("dtype", static_cast<TF_DataType>(101)); },
+       TF_INVALID_ARGUMENT, "dtype"},
+      {"list below its minimum length",
+       [](G g) { g.Node("IdentityN", "n").Attr("T", std::vector<TF_DataType>{}); },
+       TF_INVALID_ARGUMENT, "minimum"},
+  };
+  for (const Case& c : cases) {
     GraphBuilder g;
     g.Placeholder("x", TF_FLOAT);
-    g.Node("Identity", "y").Input("x").Input("x").Attr("T", TF_FLOAT);
-    cases.push_back({"too many inputs", g, TF_INVALID_ARGUMENT, "'y'"});
-  }
-  {
-    GraphBuilder g;
-    g.Placeholder("x", TF_FLOAT);
-    g.Node("Identity", "y").Input("^x").Input("x").Attr("T", TF_FLOAT);
-    cases.push_back({"data input after control input", g, TF_INVALID_ARGUMENT, "'y'"});
-  }
-  {
-    GraphBuilder g;
-    g.Placeholder("bad name!", TF_FLOAT);
-    cases.push_back({"invalid node name", g, TF_INVALID_ARGUMENT, "bad name!"});
-  }
-  {
-    GraphBuilder g;
-    g.Node("Placeholder", "x").Attr("dtype", static_cast<TF_DataType>(101));
-    cases.push_back({"reference dtype", g, TF_INVALID_ARGUMENT, "dtype"});
-  }
-  {
-    GraphBuilder g;
-    g.Node("IdentityN", "n").Attr("T", std::vector<TF_DataType>{});
-    cases.push_back({"list below its minimum length", g, TF_INVALID_ARGUMENT, "minimum"});
-  }
-  for (Case& c : cases) {
-    ImportResult r = Import(c.graph.Serialize());
+    c.build(g);
+    ImportResult r = Import(g.Serialize());
     EXPECT_EQ(r.code, c.code) << c.what << ": " << r.message;
     EXPECT_NE(r.message.find(c.needle), std::string::npos) << c.what << ": " << r.message;
     EXPECT_EQ(r.num_ops, 0) << c.what << ": a failed import must leave the graph unchanged";

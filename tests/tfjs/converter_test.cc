@@ -152,15 +152,14 @@ json Conv2DAttrs(std::vector<std::string> fused, int num_args, const char* paddi
 // ------------------------------------------------------------ weights
 
 TEST(TfjsWeightsTest, HalfPrecisionDecodesEveryClass) {
-  EXPECT_EQ(tfjs::HalfToFloat(0x3c00), 1.0f);
-  EXPECT_EQ(tfjs::HalfToFloat(0xc000), -2.0f);
-  EXPECT_EQ(tfjs::HalfToFloat(0x3555), 0.333251953125f);
-  EXPECT_EQ(tfjs::HalfToFloat(0x7bff), 65504.0f);           // largest finite
-  EXPECT_EQ(tfjs::HalfToFloat(0x0400), std::ldexp(1.0f, -14));  // smallest normal
-  EXPECT_EQ(tfjs::HalfToFloat(0x0001), std::ldexp(1.0f, -24));  // smallest subnormal
-  EXPECT_EQ(tfjs::HalfToFloat(0x03ff), 1023 * std::ldexp(1.0f, -24));
-  EXPECT_EQ(tfjs::HalfToFloat(0x7c00), INFINITY);
-  EXPECT_EQ(tfjs::HalfToFloat(0xfc00), -INFINITY);
+  // 65504 is the largest finite; 2^-14 the smallest normal, 2^-24 the smallest subnormal.
+  const std::vector<uint16_t> bits = {0x3c00, 0xc000, 0x3555, 0x7bff, 0x0400,
+                                      0x0001, 0x03ff, 0x7c00, 0xfc00};
+  std::vector<float> got;
+  for (uint16_t b : bits) got.push_back(tfjs::HalfToFloat(b));
+  EXPECT_EQ(got, (std::vector<float>{1, -2, 0.333251953125f, 65504, std::ldexp(1.0f, -14),
+                                     std::ldexp(1.0f, -24), 1023 * std::ldexp(1.0f, -24),
+                                     INFINITY, -INFINITY}));
   EXPECT_TRUE(std::isnan(tfjs::HalfToFloat(0x7e00)));
   const float negative_zero = tfjs::HalfToFloat(0x8000);
   EXPECT_EQ(negative_zero, 0.0f);
