@@ -474,10 +474,6 @@ TEST(UniqueOpsTest, ValuesInFirstAppearanceOrderAndIndices) {
       .Attr("out_idx", TF_INT32));
 }
 
-}  // namespace
-
-namespace {
-
 // SpaceToBatchND by its definition, one output element at a time.
 std::vector<float> SpaceToBatchReference(const std::vector<float>& x, const Dims& in,
                                          const Dims& block, const Dims& pads, Dims* out_dims) {

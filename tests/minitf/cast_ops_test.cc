@@ -114,10 +114,6 @@ TEST(CastOpsTest, ShapesAndUnsupportedTypes) {
   EXPECT_TRUE(half.ErrorNamesNode()) << half.error();
 }
 
-}  // namespace
-
-namespace {
-
 using testing_support::GraphBuilder;
 using testing_support::TensorPtr;
 using testing_support::TestSession;

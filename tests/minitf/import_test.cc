@@ -211,10 +211,6 @@ TEST(ImportTest, NullArgumentsAreErrors) {
   TF_DeleteStatus(status);
 }
 
-}  // namespace
-
-namespace {
-
 using testing_support::TensorPtr;
 using testing_support::TestSession;
 

@@ -589,10 +589,6 @@ TEST(Window3DOpsTest, ReduceToTheTwoDimensionalOps) {
   EXPECT_NE(batch_stride.Run(), TF_OK);
 }
 
-}  // namespace
-
-namespace {
-
 // Inference batch norm in double: (x - mean) * scale / sqrt(var + eps) + offset.
 F BatchNormReference(const F& x, const F& scale, const F& offset, const F& mean, const F& var,
                      float eps, int64_t depth, bool channels_last, int64_t plane) {

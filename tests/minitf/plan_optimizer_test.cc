@@ -352,10 +352,6 @@ TEST(ConstantFoldingTest, ComputedWeightsAndFailuresBehaveAsUnfolded) {
   EXPECT_NEAR(Values<float>(out[0].get())[0], window, 1e-4f);
 }
 
-}  // namespace
-
-namespace {
-
 // Elementwise kernels may write into an input's memory when the run is done
 // with it. Memory that anything else can still see must never be written:
 // fed tensors, fetched tensors, constants, and buffers shared through
@@ -381,18 +377,13 @@ TEST(BufferReuseTest, OnlyMemoryNobodyElseSeesIsReused) {
               TF_OK)
         << session.last_error();
     EXPECT_EQ(Values<float>(feed.get()), x) << "the fed tensor was written";
-    EXPECT_EQ(Values<float>(out[0].get()), (F{-0.5f, 1, -2, 0}));
-    EXPECT_EQ(Values<float>(out[1].get()), (F{1.5f, 1, 5, 4}));
-    EXPECT_EQ(Values<float>(out[2].get()), (F{-1.5f, -1, -5, -4}));
-    EXPECT_EQ(Values<float>(out[3].get()), (F{-2.25f, -1, -25, -16}));
-    EXPECT_EQ(Values<float>(out[4].get()), (F{1, 4, 9, 16})) << "run " << run;
-    EXPECT_EQ(Values<float>(out[5].get()), (F{2.25f, 1, 25, 16}));
+    std::vector<F> got;
+    for (const auto& t : out) got.push_back(Values<float>(t.get()));
+    EXPECT_EQ(got, (std::vector<F>{{-0.5f, 1, -2, 0}, {1.5f, 1, 5, 4}, {-1.5f, -1, -5, -4},
+                                   {-2.25f, -1, -25, -16}, {1, 4, 9, 16}, {2.25f, 1, 25, 16}}))
+        << "run " << run;
   }
 }
-
-}  // namespace
-
-namespace {
 
 // Constants are read from the graph's own bytes; what a caller gets back is
 // its own copy, so writing into it changes nothing for later runs.
@@ -410,10 +401,6 @@ TEST(BufferReuseTest, FetchedConstantsAreCopiesOfTheGraphsBytes) {
     for (auto& t : out) static_cast<float*>(TF_TensorData(t.get()))[0] = 99;
   }
 }
-
-}  // namespace
-
-namespace {
 
 // conv (+ bias) -> FusedBatchNorm with constant statistics -> activation:
 // the plan folds the batch norm into the convolution.
