@@ -132,38 +132,30 @@ TEST(ConvOpsTest, ChannelsBatchesAndDtypes) {
 }
 
 TEST(ConvOpsTest, RejectsBadInputsAndAttributes) {
-  auto conv = [](OneOp& op, Dims in, Dims filter) -> OneOp& {
+  auto conv = [](auto&& op, Dims in, Dims filter) -> OneOp& {
     int64_t n_in = 1, n_f = 1;
     for (int64_t d : in) n_in *= d;
     for (int64_t d : filter) n_f *= d;
-    return op.In<float>(in, F(n_in, 1)).In<float>(filter, F(n_f, 1)).Attr("T", TF_FLOAT)
-        .Attr("strides", L{1, 1, 1, 1}).Attr("padding", "VALID");
+    return static_cast<OneOp&>(op).In<float>(in, F(n_in, 1)).In<float>(filter, F(n_f, 1))
+        .Attr("T", TF_FLOAT).Attr("strides", L{1, 1, 1, 1}).Attr("padding", "VALID");
   };
-  OneOp depth("Conv2D");
-  ExpectRunError(conv(depth, {1, 3, 3, 3}, {1, 1, 2, 4}));
-  OneOp groups("Conv2D");  // as TensorFlow's CPU kernel: no grouped convolution
-  ExpectRunError(conv(groups, {1, 3, 3, 4}, {1, 1, 2, 4}), TF_UNIMPLEMENTED);
-  OneOp rank("Conv2D");
-  ExpectRunError(conv(rank, {3, 3, 1}, {1, 1, 1, 1}));
-  OneOp too_big("Conv2D");  // a 3x3 window does not fit a 1x1 image
-  ExpectRunError(conv(too_big, {1, 1, 1, 1}, {3, 3, 1, 1}));
-  OneOp empty_filter("Conv2D");
-  ExpectRunError(conv(empty_filter, {1, 3, 3, 1}, {0, 1, 1, 1}));
-  OneOp batch_stride("Conv2D");
-  ExpectRunError(conv(batch_stride, {1, 3, 3, 1}, {1, 1, 1, 1}).Attr("strides", L{2, 1, 1, 1}));
-  OneOp zero_stride("Conv2D");
-  ExpectRunError(conv(zero_stride, {1, 3, 3, 1}, {1, 1, 1, 1}).Attr("strides", L{1, 0, 1, 1}));
-  OneOp short_strides("Conv2D");
-  ExpectRunError(conv(short_strides, {1, 3, 3, 1}, {1, 1, 1, 1}).Attr("strides", L{1, 1}));
-  OneOp stray_pads("Conv2D");  // explicit paddings without EXPLICIT
-  ExpectRunError(conv(stray_pads, {1, 3, 3, 1}, {1, 1, 1, 1})
-                     .Attr("explicit_paddings", L{0, 0, 1, 1, 1, 1, 0, 0}));
-  OneOp depth_pads("Conv2D");
-  ExpectRunError(conv(depth_pads, {1, 3, 3, 1}, {1, 1, 1, 1}).Attr("padding", "EXPLICIT")
-                     .Attr("explicit_paddings", L{0, 0, 1, 1, 1, 1, 0, 1}));
-  OneOp nchw("Conv2D");
-  ExpectRunError(conv(nchw, {1, 1, 3, 3}, {1, 1, 1, 1}).Attr("data_format", "NCHW"),
-                 TF_UNIMPLEMENTED);
+  ExpectRunError(conv(OneOp("Conv2D"), {1, 3, 3, 3}, {1, 1, 2, 4}));
+  // as TensorFlow's CPU kernel: no grouped convolution
+  ExpectRunError(conv(OneOp("Conv2D"), {1, 3, 3, 4}, {1, 1, 2, 4}), TF_UNIMPLEMENTED);
+  ExpectRunError(conv(OneOp("Conv2D"), {3, 3, 1}, {1, 1, 1, 1}));
+  // a 3x3 window does not fit a 1x1 image
+  ExpectRunError(conv(OneOp("Conv2D"), {1, 1, 1, 1}, {3, 3, 1, 1}));
+  ExpectRunError(conv(OneOp("Conv2D"), {1, 3, 3, 1}, {0, 1, 1, 1}));
+  ExpectRunError(conv(OneOp("Conv2D"), {1, 3, 3, 1}, {1, 1, 1, 1}).Attr("strides", L{2, 1, 1, 1}));
+  ExpectRunError(conv(OneOp("Conv2D"), {1, 3, 3, 1}, {1, 1, 1, 1}).Attr("strides", L{1, 0, 1, 1}));
+  ExpectRunError(conv(OneOp("Conv2D"), {1, 3, 3, 1}, {1, 1, 1, 1}).Attr("strides", L{1, 1}));
+  // explicit paddings without EXPLICIT
+  ExpectRunError(conv(OneOp("Conv2D"), {1, 3, 3, 1}, {1, 1, 1, 1})
+      .Attr("explicit_paddings", L{0, 0, 1, 1, 1, 1, 0, 0}));
+  ExpectRunError(conv(OneOp("Conv2D"), {1, 3, 3, 1}, {1, 1, 1, 1}).Attr("padding", "EXPLICIT")
+      .Attr("explicit_paddings", L{0, 0, 1, 1, 1, 1, 0, 1}));
+  ExpectRunError(conv(OneOp("Conv2D"), {1, 1, 3, 3}, {1, 1, 1, 1})
+      .Attr("data_format", "NCHW"), TF_UNIMPLEMENTED);
 }
 
 // Float values at every padding and stride are checked against TF.js.
@@ -177,9 +169,9 @@ TEST(ConvOpsTest, DepthwiseDoublesAndChannelMismatch) {
       .Attr("strides", L{1, 1, 1, 1}));
 }
 
-OneOp& Pool(OneOp& op, const F& image, L ksize, L strides, const char* padding) {
-  return op.In<float>({1, 3, 3, 1}, image).Attr("T", TF_FLOAT).Attr("ksize", ksize)
-      .Attr("strides", strides).Attr("padding", padding);
+template <typename O> OneOp& Pool(O&& op, const F& image, L ksize, L strides, const char* padding) {
+  return static_cast<OneOp&>(op).In<float>({1, 3, 3, 1}, image).Attr("T", TF_FLOAT)
+      .Attr("ksize", ksize).Attr("strides", strides).Attr("padding", padding);
 }
 
 // SAME and VALID windows are checked against TF.js; here the integer path
@@ -202,15 +194,11 @@ TEST(PoolingOpsTest, MaxPoolIntegersAndExplicitPadding) {
 TEST(PoolingOpsTest, RejectsBadInputsAndAttributes) {
   ExpectRunError(OneOp("MaxPool").In<float>({3, 3, 1}, kImage).Attr("T", TF_FLOAT)
       .Attr("ksize", L{1, 2, 2, 1}).Attr("strides", L{1, 1, 1, 1}).Attr("padding", "VALID"));
-  OneOp batch_window("MaxPool");
-  ExpectRunError(Pool(batch_window, kImage, {2, 2, 2, 1}, {1, 1, 1, 1}, "VALID"));
-  OneOp zero_window("AvgPool");
-  ExpectRunError(Pool(zero_window, kImage, {1, 0, 2, 1}, {1, 1, 1, 1}, "VALID"));
-  OneOp too_big("MaxPool");
-  ExpectRunError(Pool(too_big, kImage, {1, 5, 1, 1}, {1, 1, 1, 1}, "VALID"));
-  OneOp nchw("MaxPool");
-  ExpectRunError(Pool(nchw, kImage, {1, 1, 2, 2}, {1, 1, 1, 1}, "VALID")
-                     .Attr("data_format", "NCHW"));
+  ExpectRunError(Pool(OneOp("MaxPool"), kImage, {2, 2, 2, 1}, {1, 1, 1, 1}, "VALID"));
+  ExpectRunError(Pool(OneOp("AvgPool"), kImage, {1, 0, 2, 1}, {1, 1, 1, 1}, "VALID"));
+  ExpectRunError(Pool(OneOp("MaxPool"), kImage, {1, 5, 1, 1}, {1, 1, 1, 1}, "VALID"));
+  ExpectRunError(Pool(OneOp("MaxPool"), kImage, {1, 1, 2, 2}, {1, 1, 1, 1}, "VALID")
+      .Attr("data_format", "NCHW"));
 }
 
 // ---- oneDNN against the reference loops ----
@@ -648,10 +636,10 @@ TEST(BatchNormOpsTest, StatisticsOutputsAndErrors) {
   EXPECT_EQ(got, (std::vector<F>{{0, 1.5f, 1, 2.5f}, {1, 1}, {4, 16}, {1, 1}, {4, 16}, {}}));
   EXPECT_EQ(testing_support::DimsOf(out[5].get()), (Dims{0}));
 
-  auto base = [](OneOp& op, const Dims& dims, int64_t depth) -> OneOp& {
+  auto base = [](auto&& op, const Dims& dims, int64_t depth) -> OneOp& {
     int64_t n = 1;
     for (int64_t d : dims) n *= d;
-    return op.In<float>(dims, F(n, 1.0f)).In<float>({depth}, F(depth, 1))
+    return static_cast<OneOp&>(op).In<float>(dims, F(n, 1.0f)).In<float>({depth}, F(depth, 1))
         .In<float>({depth}, F(depth, 0)).In<float>({depth}, F(depth, 0))
         .In<float>({depth}, F(depth, 1)).Attr("T", TF_FLOAT);
   };
