@@ -21,6 +21,7 @@ using testing_support::ExpectRunError;
 using testing_support::GraphBuilder;
 using testing_support::ExpectOutput;
 using testing_support::OneOp;
+using testing_support::RunDims;
 using testing_support::RunOk;
 using testing_support::TensorPtr;
 using testing_support::TestSession;
@@ -102,15 +103,10 @@ TEST(ShapeOpsTest, ExpandDimsAndSqueeze) {
   ExpectRunError(OneOp("ExpandDims").In<float>({2, 3}, {1, 2, 3, 4, 5, 6}).In<int32_t>({}, {3})
       .Attr("T", TF_FLOAT));
 
-  OneOp all("Squeeze");
-  all.In<int32_t>({1, 2, 1, 3}, Iota(6)).Attr("T", TF_INT32);
-  ASSERT_EQ(all.Run(), TF_OK) << all.error();
-  EXPECT_EQ(all.OutputDims(), (Dims{2, 3}));
-  OneOp some("Squeeze");
-  some.In<int32_t>({1, 2, 1, 3}, Iota(6)).Attr("T", TF_INT32)
-      .Attr("squeeze_dims", std::vector<int64_t>{-2});
-  ASSERT_EQ(some.Run(), TF_OK) << some.error();
-  EXPECT_EQ(some.OutputDims(), (Dims{1, 2, 3}));
+  EXPECT_EQ(RunDims(OneOp("Squeeze").In<int32_t>({1, 2, 1, 3}, Iota(6))
+      .Attr("T", TF_INT32)), (Dims{2, 3}));
+  EXPECT_EQ(RunDims(OneOp("Squeeze").In<int32_t>({1, 2, 1, 3}, Iota(6)).Attr("T", TF_INT32)
+      .Attr("squeeze_dims", std::vector<int64_t>{-2})), (Dims{1, 2, 3}));
   for (int64_t bad : {1, 4}) {  // a dim of size 2; a dim that does not exist
     ExpectRunError(OneOp("Squeeze").In<int32_t>({1, 2, 1, 3}, Iota(6)).Attr("T", TF_INT32)
         .Attr("squeeze_dims", std::vector<int64_t>{bad}));
@@ -390,14 +386,8 @@ TEST(WhereOpsTest, CoordinatesOfTrueElements) {
     if (x[i] != 0) want.insert(want.end(), {i / 20, (i / 5) % 4, i % 5});
   }
   EXPECT_EQ(r.Output<int64_t>(), want);
-  OneOp scalar("Where");
-  scalar.In<int8_t>({}, {3}).Attr("T", TF_INT8);
-  ASSERT_EQ(scalar.Run(), TF_OK) << scalar.error();
-  EXPECT_EQ(scalar.OutputDims(), (Dims{1, 0}));
-  OneOp empty("Where");
-  empty.In<bool>({0, 4}, {}).Attr("T", TF_BOOL);
-  ASSERT_EQ(empty.Run(), TF_OK) << empty.error();
-  EXPECT_EQ(empty.OutputDims(), (Dims{0, 2}));
+  EXPECT_EQ(RunDims(OneOp("Where").In<int8_t>({}, {3}).Attr("T", TF_INT8)), (Dims{1, 0}));
+  EXPECT_EQ(RunDims(OneOp("Where").In<bool>({0, 4}, {}).Attr("T", TF_BOOL)), (Dims{0, 2}));
 }
 
 // ReverseV2 and BroadcastTo against direct index arithmetic on [2, 3, 4].

@@ -84,6 +84,13 @@ std::vector<T> RunOk(OneOp& op) {
   return code == TF_OK ? op.Output<T>() : std::vector<T>{};
 }
 
+// Runs `op` expecting success and gives the shape of output 0.
+inline Dims RunDims(OneOp& op) {
+  const TF_Code code = op.Run();
+  EXPECT_EQ(code, TF_OK) << op.error();
+  return code == TF_OK ? op.OutputDims() : Dims{-1};
+}
+
 // Runs `op` expecting output 0 of shape `dims` holding `values`.
 template <typename T>
 void ExpectOutput(OneOp& op, const Dims& dims, const std::vector<T>& values) {

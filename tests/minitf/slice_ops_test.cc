@@ -16,6 +16,7 @@ using testing_support::Dims;
 using testing_support::ExpectRunError;
 using testing_support::ExpectOutput;
 using testing_support::OneOp;
+using testing_support::RunDims;
 using testing_support::RunOk;
 
 std::vector<int32_t> Iota(int n) {
@@ -160,11 +161,8 @@ TEST(SliceTest, BoxesWithSizeToTheEnd) {
       .Attr("Index", TF_INT32), {1, 3, 2}, (std::vector<int32_t>{13, 14, 17, 18, 21, 22}));
 
   // int64 indices, uint8 data, an empty box at the very end of a dim.
-  OneOp e("Slice");
-  e.In<uint8_t>({2, 2}, {1, 2, 3, 4}).In<int64_t>({2}, {0, 2}).In<int64_t>({2}, {2, 0})
-      .Attr("T", TF_UINT8).Attr("Index", TF_INT64);
-  ASSERT_EQ(e.Run(), TF_OK) << e.error();
-  EXPECT_EQ(e.OutputDims(), (Dims{2, 0}));
+  EXPECT_EQ(RunDims(OneOp("Slice").In<uint8_t>({2, 2}, {1, 2, 3, 4}).In<int64_t>({2}, {0, 2})
+      .In<int64_t>({2}, {2, 0}).Attr("T", TF_UINT8).Attr("Index", TF_INT64)), (Dims{2, 0}));
 
   EXPECT_EQ(RunOk<double>(OneOp("Slice").In<double>({3}, {1.0, 2.0, 3.0}).In<int32_t>({1}, {0})
       .In<int32_t>({1}, {-1}).Attr("T", TF_DOUBLE)
