@@ -17,9 +17,9 @@
 namespace {
 
 using testing_support::Dims;
+using testing_support::ExpectOutput;
 using testing_support::ExpectRunError;
 using testing_support::GraphBuilder;
-using testing_support::ExpectOutput;
 using testing_support::OneOp;
 using testing_support::RunDims;
 using testing_support::RunOk;
@@ -187,9 +187,10 @@ TEST(JoinOpsTest, UnpackSplitAndSplitV) {
 
 TEST(TransposeTest, PermutesSmallAndLargeTensors) {
   // out[i, j, k] = x[j, k, i] = 12 j + 4 k + i.
-  ExpectOutput<int32_t>(OneOp("Transpose").In<int32_t>({2, 3, 4}, Iota(24))
-      .In<int32_t>({3}, {2, 0, 1})
-      .Attr("T", TF_INT32), {4, 2, 3}, (std::vector<int32_t>{0, 4, 8, 12, 16, 20, 1, 5, 9, 13, 17, 21, 2, 6, 10, 14, 18, 22, 3, 7, 11, 15, 19, 23}));
+  ExpectOutput<int32_t>(
+      OneOp("Transpose").In<int32_t>({2, 3, 4}, Iota(24)).In<int32_t>({3}, {2, 0, 1})
+          .Attr("T", TF_INT32), {4, 2, 3},
+      {0, 4, 8, 12, 16, 20, 1, 5, 9, 13, 17, 21, 2, 6, 10, 14, 18, 22, 3, 7, 11, 15, 19, 23});
 
   EXPECT_EQ(RunOk<uint8_t>(OneOp("Transpose").In<uint8_t>({2, 3}, {1, 2, 3, 4, 5, 6})
       .In<int64_t>({2}, {1, 0}).Attr("T", TF_UINT8)

@@ -16,9 +16,9 @@
 namespace {
 
 using testing_support::Dims;
+using testing_support::ExpectOutput;
 using testing_support::ExpectRunError;
 using testing_support::GraphBuilder;
-using testing_support::ExpectOutput;
 using testing_support::OneOp;
 using testing_support::RunOk;
 using testing_support::TensorPtr;

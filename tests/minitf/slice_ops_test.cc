@@ -13,8 +13,8 @@
 namespace {
 
 using testing_support::Dims;
-using testing_support::ExpectRunError;
 using testing_support::ExpectOutput;
+using testing_support::ExpectRunError;
 using testing_support::OneOp;
 using testing_support::RunDims;
 using testing_support::RunOk;
