@@ -86,6 +86,13 @@ class LibraryModel {
   LibraryModel var(type, var##_graph);                                           \
   ASSERT_EQ(var.code(), 0)
 
+// lo < v < hi (lo <= v <= hi when `closed`), printing all three on failure.
+testing::AssertionResult Between(double v, double lo, double hi, bool closed = false) {
+  if (closed ? (v >= lo && v <= hi) : (v > lo && v < hi)) return testing::AssertionSuccess();
+  return testing::AssertionFailure() << v << " is outside " << (closed ? "[" : "(") << lo << ", "
+                                     << hi << (closed ? "]" : ")");
+}
+
 Image AsImage(cv::Mat& bgr) { return Image{bgr.cols, bgr.rows, bgr.data, 3}; }
 
 // The values of a vector answer; result and payload are disposed.
@@ -134,10 +141,8 @@ TEST_F(SkeletonOnAstronaut, KeypointsLandOnThePerson) {
   auto score = [&](int i) { return k[3 * i + 2]; };
 
   EXPECT_GT(score(kNose), 0.3f);
-  EXPECT_GT(x(kNose), 195);
-  EXPECT_LT(x(kNose), 250);
-  EXPECT_GT(y(kNose), 105);
-  EXPECT_LT(y(kNose), 155);
+  EXPECT_TRUE(Between(x(kNose), 195, 250));
+  EXPECT_TRUE(Between(y(kNose), 105, 155));
   for (int eye : {kLeftEye, kRightEye}) {
     EXPECT_GT(score(eye), 0.3f);
     EXPECT_LT(y(eye), y(kNose)) << "eye " << eye;
@@ -147,8 +152,7 @@ TEST_F(SkeletonOnAstronaut, KeypointsLandOnThePerson) {
   EXPECT_GT(x(kLeftEye), x(kRightEye));
   EXPECT_GT(x(kLeftShoulder), x(kRightShoulder));
   for (int s : {kLeftShoulder, kRightShoulder}) {
-    EXPECT_GT(y(s), 200) << "shoulder " << s;
-    EXPECT_LT(y(s), 360) << "shoulder " << s;
+    EXPECT_TRUE(Between(y(s), 200, 360)) << "shoulder " << s;
   }
 }
 
@@ -205,17 +209,12 @@ TEST_P(FaceOnAstronaut, FindsTheFaceWhereItIs) {
   EXPECT_LE(boxes.size(), 2u);
   for (const NativeBoundingBox& b : boxes) {
     const float cx = b.x + b.width / 2, cy = b.y + b.height / 2;
-    EXPECT_GT(cx, 195);
-    EXPECT_LT(cx, 255);
-    EXPECT_GT(cy, 95);
-    EXPECT_LT(cy, 160);
-    EXPECT_GT(b.width, 50);
-    EXPECT_LT(b.width, 170);
-    EXPECT_GT(b.height, 50);
-    EXPECT_LT(b.height, 170);
+    EXPECT_TRUE(Between(cx, 195, 255));
+    EXPECT_TRUE(Between(cy, 95, 160));
+    EXPECT_TRUE(Between(b.width, 50, 170));
+    EXPECT_TRUE(Between(b.height, 50, 170));
     EXPECT_EQ(b.classId, 0);
-    EXPECT_GE(b.score, 0.6f);
-    EXPECT_LE(b.score, 1.0f);
+    EXPECT_TRUE(Between(b.score, 0.6f, 1.0f, true));
   }
 }
 
@@ -332,8 +331,7 @@ TEST_F(FaceAttributes, AgeIsAdultAndFaceresOwnEstimate) {
     cv::Mat crop = Crop(who);
     const std::vector<float> age = Vector(Predict(model.handle(), AsImage(crop)));
     ASSERT_EQ(age.size(), 1u);
-    EXPECT_GE(age[0], 18) << "picture " << who;
-    EXPECT_LE(age[0], 70) << "picture " << who;
+    EXPECT_TRUE(Between(age[0], 18, 70, true)) << "picture " << who;
     // The publishers' reading: the most likely year A, moved towards its
     // likelier neighbour by ten times that neighbour's probability.
     const std::vector<float> p = FaceresDirect(plain, crop, "age_pred/Softmax");
@@ -401,8 +399,7 @@ TEST_F(FaceAttributes, EmotionsAreADistribution) {
     ASSERT_EQ(scores.size(), 7u);
     float sum = 0;
     for (float p : scores) {
-      EXPECT_GE(p, 0.0f);
-      EXPECT_LE(p, 1.0f);
+      EXPECT_TRUE(Between(p, 0.0f, 1.0f, true));
       sum += p;
     }
     EXPECT_NEAR(sum, 1.0f, 1e-4) << "picture " << who;
@@ -497,8 +494,7 @@ TEST_F(FaceAttributes, LandmarksAndHeadPoseFollowTheFace) {
     const float* f = v.data() + i * 139;
     std::printf("%s: yaw %.1f pitch %.1f roll %.1f\n", names[i], f[136], f[137], f[138]);
     for (int k = 0; k < 136; ++k) {
-      EXPECT_GT(f[k], 0.0f) << names[i] << " value " << k;
-      EXPECT_LT(f[k], 1.0f) << names[i] << " value " << k;
+      EXPECT_TRUE(Between(f[k], 0.0f, 1.0f)) << names[i] << " value " << k;
     }
     // Eye corners 36 and 45 left and right of the nose tip 30, above the
     // mouth corners 48 and 54, above the chin 8.
@@ -605,10 +601,8 @@ TEST(FrozenFaceDetector, FindsThePlayersFaceInMessi) {
               b.width, b.height, b.score);
   EXPECT_NEAR(b.x + b.width / 2, 243.5f, 10.0f);
   EXPECT_NEAR(b.y + b.height / 2, 113.5f, 10.0f);
-  EXPECT_GT(b.width, 18.0f);
-  EXPECT_LT(b.width, 50.0f);
-  EXPECT_GT(b.height, 25.0f);
-  EXPECT_LT(b.height, 60.0f);
+  EXPECT_TRUE(Between(b.width, 18.0f, 50.0f));
+  EXPECT_TRUE(Between(b.height, 25.0f, 60.0f));
   EXPECT_EQ(b.classId, 0);
   EXPECT_GT(b.score, 0.2f);
 }
