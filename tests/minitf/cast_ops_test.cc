@@ -25,8 +25,7 @@ using testing_support::RunDims;
 template <typename From, typename To>
 std::vector<To> Cast(const std::vector<From>& x, bool truncate = false) {
   OneOp o("Cast");
-  o.In<From>({static_cast<int64_t>(x.size())}, x)
-      .Attr("SrcT", DTypeOf<From>())
+  o.In<From>({static_cast<int64_t>(x.size())}, x).Attr("SrcT", DTypeOf<From>())
       .Attr("DstT", DTypeOf<To>());
   if (truncate) o.Attr("Truncate", true);
   EXPECT_EQ(o.Run(), TF_OK) << o.error();

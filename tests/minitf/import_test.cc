@@ -283,8 +283,7 @@ TEST(StringTensorTest, ConstantsFeedsAndFetchesUseTheTStringLayout) {
   GraphBuilder bad;
   bad.Node("Const", "w").Attr("dtype", TF_STRING).Attr("value", StringProto({2, 2}, {"a", "b", "c", "d"}));
   bad.Const<int32_t>("perm", {2}, {1, 0});
-  bad.Node("Transpose", "t").Input("w").Input("perm").Attr("T", TF_STRING)
-      .Attr("Tperm", TF_INT32);
+  bad.Node("Transpose", "t").Input("w").Input("perm").Attr("T", TF_STRING).Attr("Tperm", TF_INT32);
   TestSession refused(bad.Serialize());
   if (refused.code() == TF_OK) {
     std::vector<TensorPtr> none;

@@ -89,8 +89,7 @@ std::string ConvWithBias(GraphBuilder& g, std::mt19937& rng, const std::string& 
   g.Node(depthwise ? "DepthwiseConv2dNative" : "Conv2D", prefix + "conv")
       .Input(x).Input(prefix + "w").Attr("T", TF_FLOAT).Attr("strides", L{1, 1, 1, 1})
       .Attr("padding", "SAME");
-  g.Node("BiasAdd", prefix + "bias").Input(prefix + "conv").Input(prefix + "b")
-      .Attr("T", TF_FLOAT);
+  g.Node("BiasAdd", prefix + "bias").Input(prefix + "conv").Input(prefix + "b").Attr("T", TF_FLOAT);
   return prefix + "conv";
 }
 
@@ -222,8 +221,7 @@ TEST(ConvChainPlanTest, BatchNormAndDilationAreFoldedIntoTheChain) {
   for (const char* p : {"s", "o", "m"}) g.Const<float>(p, {4}, Random(rng, 4));
   g.Const<float>("v", {4}, {0.5f, 1, 1.5f, 2});
   g.Node("FusedBatchNormV3", "bn").Input("b2s").Input("s").Input("o").Input("m").Input("v")
-      .Attr("T", TF_FLOAT).Attr("U", TF_FLOAT).Attr("epsilon", 0.001f)
-      .Attr("is_training", false);
+      .Attr("T", TF_FLOAT).Attr("U", TF_FLOAT).Attr("epsilon", 0.001f).Attr("is_training", false);
   g.Unary("Relu", "act", "bn");
   const auto labels = PlanLabels(g, {"act"});
   EXPECT_TRUE(HasLabel(labels, "SpaceToBatchND+Conv2D+BatchToSpaceND+FusedBatchNormV3+Relu"))

@@ -49,8 +49,7 @@ void AddStridedSlice(OneOp& op, const Dims& input, const SliceArgs& s) {
   op.In<int32_t>(input, Iota(static_cast<int>(Count(input))))
       .In<int32_t>({n}, s.begin)
       .In<int32_t>({static_cast<int64_t>(s.end.size())}, s.end)
-      .In<int32_t>({static_cast<int64_t>(s.strides.size())}, s.strides)
-      .Attr("T", TF_INT32)
+      .In<int32_t>({static_cast<int64_t>(s.strides.size())}, s.strides).Attr("T", TF_INT32)
       .Attr("Index", TF_INT32);
   // Masks left at zero are omitted, as exported graphs do.
   if (s.begin_mask) op.Attr("begin_mask", s.begin_mask);
@@ -111,9 +110,8 @@ TEST(StridedSliceTest, IndexTypesAndElementTypes) {
   f.In<float>({2, 3}, {0.5f, 1.5f, 2.5f, 3.5f, 4.5f, 5.5f})
       .In<int64_t>({2}, {1, 0})
       .In<int64_t>({2}, {2, 0})
-      .In<int64_t>({2}, {1, -1})
-      .Attr("T", TF_FLOAT).Attr("Index", TF_INT64)
-      .Attr("begin_mask", 2).Attr("end_mask", 2).Attr("shrink_axis_mask", 1);
+      .In<int64_t>({2}, {1, -1}).Attr("T", TF_FLOAT).Attr("Index", TF_INT64).Attr("begin_mask", 2)
+      .Attr("end_mask", 2).Attr("shrink_axis_mask", 1);
   ASSERT_EQ(f.Run(), TF_OK) << f.error();
   EXPECT_EQ(f.OutputDims(), (Dims{3}));
   EXPECT_EQ(f.Output<float>(), (std::vector<float>{5.5f, 4.5f, 3.5f}));
