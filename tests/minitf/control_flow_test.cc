@@ -526,29 +526,26 @@ TEST(ControlFlowTest, LoopStateIsChargedToTheRunBudget) {
 TEST(ControlFlowTest, ImportRejectsMalformedFrames) {
   struct Case {
     const char* what;
-    std::function<void(GraphBuilder&)> build;
     const char* node;
+    std::function<void(GraphBuilder&)> build;
   };
+  using G = GraphBuilder&;
   const Case cases[] = {
-      {"Exit outside a frame",
-       [](GraphBuilder& g) { g.Node("Exit", "lonely_exit").Input("c").Attr("T", TF_FLOAT); },
-       "lonely_exit"},
-      {"NextIteration outside a frame",
-       [](GraphBuilder& g) { g.Node("NextIteration", "lonely_next").Input("c").Attr("T", TF_FLOAT); },
-       "lonely_next"},
-      {"Merge cycle without NextIteration",
-       [](GraphBuilder& g) {
+      {"Exit outside a frame", "lonely_exit",
+       [](G g) { g.Node("Exit", "lonely_exit").Input("c").Attr("T", TF_FLOAT); }},
+      {"NextIteration outside a frame", "lonely_next",
+       [](G g) { g.Node("NextIteration", "lonely_next").Input("c").Attr("T", TF_FLOAT); }},
+      {"Merge cycle without NextIteration", "cycle",
+       [](G g) {
          g.Node("Merge", "m").Input("c").Input("loop_add").Attr("T", TF_FLOAT).Attr("N", 2);
          g.Binary("AddV2", "loop_add", "m", "c");
-       },
-       "cycle"},
-      {"inputs from two frames",
-       [](GraphBuilder& g) {
+       }},
+      {"inputs from two frames", "mixed",
+       [](G g) {
          g.Node("Enter", "ea").Input("c").Attr("T", TF_FLOAT).Attr("frame_name", "a");
          g.Node("Enter", "eb").Input("c").Attr("T", TF_FLOAT).Attr("frame_name", "b");
          g.Binary("AddV2", "mixed", "ea", "eb");
-       },
-       "mixed"},
+       }},
   };
   for (const Case& c : cases) {
     GraphBuilder g;

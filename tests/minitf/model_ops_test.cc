@@ -56,8 +56,7 @@ TEST(ModelOpsTest, BadInputsAreErrorsNamingTheNode) {
   const Case cases[] = {
       {"AddN does not broadcast", "AddN",
        [](OneOp& op) {
-         op.In<float>({2, 2}, F(4, 1)).In<float>({2}, F(2, 1)).Attr("N", 2).Attr("T", TF_FLOAT);
-       }},
+         op.In<float>({2, 2}, F(4, 1)).In<float>({2}, F(2, 1)).Attr("N", 2).Attr("T", TF_FLOAT); }},
       {"a 4x4 input gives a 2x2 gradient, not 3x3", "Conv2DBackpropInput",
        [](OneOp& op) { Transposed(op, {1, 4, 4, 1}, {2, 2, 1, 1}, {1, 3, 3, 1}, {1, 2, 2, 1}); }},
       {"filter depth 2 against input depth 1", "Conv2DBackpropInput",
@@ -80,8 +79,7 @@ TEST(ModelOpsTest, BadInputsAreErrorsNamingTheNode) {
        [](OneOp& op) { op.In<float>({}, F(1, 1)).In<int32_t>({}, {1}).Attr("T", TF_FLOAT); }},
       {"a coordinate past the end, even unvalidated", "SparseToDense",
        [](OneOp& op) {
-         Sparse(op, {1, 2}, {0, 4}, {3, 4}, {1}, {1}).Attr("validate_indices", false);
-       }},
+         Sparse(op, {1, 2}, {0, 4}, {3, 4}, {1}, {1}).Attr("validate_indices", false); }},
       {"a negative coordinate, even unvalidated", "SparseToDense",
        [](OneOp& op) { Sparse(op, {1}, {-1}, {3}, {}, {1}).Attr("validate_indices", false); }},
       {"two coordinates against a 1-D shape", "SparseToDense",
