@@ -57,10 +57,7 @@ TEST(RecordLayout, CompiledAsCTheSame) {
   EXPECT_EQ(c, kExpectedLayout);
 }
 
-struct DynamicSymbol {
-  std::string name;
-  unsigned type;
-};
+struct DynamicSymbol { std::string name; unsigned type; };
 
 // Defined global and weak symbols of the ELF64 file's .dynsym, every offset
 // checked against the file size before use.

@@ -12,11 +12,7 @@
 namespace {
 
 // Live tensors, each with the serial number of its making.
-struct Registry {
-  std::mutex lock;
-  std::map<const TF_Tensor*, uint64_t> live;
-  uint64_t made = 0;
-};
+struct Registry { std::mutex lock; std::map<const TF_Tensor*, uint64_t> live; uint64_t made = 0; };
 
 Registry& Tensors() {
   static Registry* registry = new Registry;  // outlives every static destructor

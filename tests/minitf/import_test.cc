@@ -12,11 +12,7 @@ namespace {
 using testing_support::GraphBuilder;
 using testing_support::ShapeAttr;
 
-struct ImportResult {
-  TF_Code code;
-  std::string message;
-  int num_ops;
-};
+struct ImportResult { TF_Code code; std::string message; int num_ops; };
 
 ImportResult Import(const std::string& bytes, const char* prefix = nullptr,
                     const char* device = nullptr, TF_Graph* into = nullptr) {

@@ -216,10 +216,7 @@ void ExpectClose(const F& fast, const F& ref) {
   }
 }
 
-struct WindowCase {
-  int64_t batch, h, w, c, kh, kw, out_c, groups;
-  minitf::WindowAttrs attrs;
-};
+struct WindowCase { int64_t batch, h, w, c, kh, kw, out_c, groups; minitf::WindowAttrs attrs; };
 
 minitf::WindowAttrs Attrs(minitf::Padding padding, int64_t stride, int64_t dil = 1,
                           int64_t k = 1, L pads = {0, 0, 0, 0}) {

@@ -452,10 +452,7 @@ TEST(ConvChainRewriteTest, BatchNormFoldedIntoConvolutionMatchesUnfused) {
 // the unrewritten plan's, including inputs SpaceToBatchND refuses.
 TEST(ConvChainRewriteTest, DilatedConvolutionPatternMatchesUnfused) {
   std::mt19937 rng(8);
-  struct Case {
-    L block, pads, crops;
-    bool depthwise;
-  };
+  struct Case { L block, pads, crops; bool depthwise; };
   const Case cases[] = {
       {{2, 2}, {2, 3, 2, 2}, {0, 1, 0, 0}, false},  // rate 2, SAME-like
       {{2, 3}, {2, 3, 3, 2}, {1, 1, 0, 2}, false},  // unequal rates and crops

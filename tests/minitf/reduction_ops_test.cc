@@ -143,10 +143,7 @@ TEST(ReductionOpsTest, BadAxesAreErrors) {
 TEST(ReductionOpsTest, RandomShapesMatchReference) {
   std::mt19937 rng(99);
   std::uniform_real_distribution<float> value(0, 1);
-  struct Case {
-    Dims dims;
-    std::vector<int32_t> axes;
-  };
+  struct Case { Dims dims; std::vector<int32_t> axes; };
   std::vector<Case> cases{{{200000}, {0}}, {{40000, 3}, {0}}, {{3, 50, 70, 4}, {1, 2}}};
   for (int trial = 0; trial < 40; ++trial) {
     Case c;
