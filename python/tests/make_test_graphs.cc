@@ -40,18 +40,10 @@ std::string EchoVector(bool with_output) {
   if (!with_output) return g.Serialize();
   const std::string shape = Flatten(g, "shape_flat", CastToFloat(g, "shape_f", "InputShape", TF_INT32));
   const std::string pixels = Flatten(g, "pixels_flat", CastToFloat(g, "pixels_f", "input_001", TF_UINT8));
-  g.Node("ConcatV2", "row")
-      .Input(shape)
-      .Input(pixels)
-      .Input(g.Const<int32_t>("axis", {}, {0}))
-      .Attr("N", 2)
-      .Attr("T", TF_FLOAT)
-      .Attr("Tidx", TF_INT32);
-  g.Node("ExpandDims", "output_node0")
-      .Input("row")
-      .Input(g.Const<int32_t>("dim", {}, {0}))
-      .Attr("T", TF_FLOAT)
-      .Attr("Tdim", TF_INT32);
+  g.Node("ConcatV2", "row").Input(shape).Input(pixels).Input(g.Const<int32_t>("axis", {}, {0}))
+      .Attr("N", 2).Attr("T", TF_FLOAT).Attr("Tidx", TF_INT32);
+  g.Node("ExpandDims", "output_node0").Input("row").Input(g.Const<int32_t>("dim", {}, {0}))
+      .Attr("T", TF_FLOAT).Attr("Tdim", TF_INT32);
   return g.Serialize();
 }
 
@@ -77,12 +69,8 @@ std::string SumGender(std::vector<int64_t> shape = {}) {
     g.Placeholder("input_0", TF_FLOAT);
   else
     g.Placeholder("input_0", TF_FLOAT, ShapeAttr{shape});
-  g.Node("Sum", "Identity")
-      .Input("input_0")
-      .Input(g.Const<int32_t>("axes", {1}, {1}))
-      .Attr("T", TF_FLOAT)
-      .Attr("Tidx", TF_INT32)
-      .Attr("keep_dims", true);
+  g.Node("Sum", "Identity").Input("input_0").Input(g.Const<int32_t>("axes", {1}, {1}))
+      .Attr("T", TF_FLOAT).Attr("Tidx", TF_INT32).Attr("keep_dims", true);
   return g.Serialize();
 }
 
@@ -91,12 +79,8 @@ std::string ChannelMeanEmbedding() {
   GraphBuilder g;
   g.Placeholder("input_0", TF_UINT8);
   CastToFloat(g, "pixels_f", "input_0", TF_UINT8);
-  g.Node("Mean", "Identity")
-      .Input("pixels_f")
-      .Input(g.Const<int32_t>("axes", {2}, {1, 2}))
-      .Attr("T", TF_FLOAT)
-      .Attr("Tidx", TF_INT32)
-      .Attr("keep_dims", false);
+  g.Node("Mean", "Identity").Input("pixels_f").Input(g.Const<int32_t>("axes", {2}, {1, 2}))
+      .Attr("T", TF_FLOAT).Attr("Tidx", TF_INT32).Attr("keep_dims", false);
   return g.Serialize();
 }
 
@@ -112,12 +96,8 @@ std::string RectSum(const std::string& pixels, const std::string& boxes) {
   g.Placeholder("InputShapeRects", TF_INT32);
   g.Node("Reshape", "rows").Input(boxes).Input("InputShapeRects").Attr("T", TF_FLOAT)
       .Attr("Tshape", TF_INT32);
-  g.Node("Sum", "output_node0")
-      .Input("rows")
-      .Input(g.Const<int32_t>("axes", {1}, {1}))
-      .Attr("T", TF_FLOAT)
-      .Attr("Tidx", TF_INT32)
-      .Attr("keep_dims", false);
+  g.Node("Sum", "output_node0").Input("rows").Input(g.Const<int32_t>("axes", {1}, {1}))
+      .Attr("T", TF_FLOAT).Attr("Tidx", TF_INT32).Attr("keep_dims", false);
   return g.Serialize();
 }
 

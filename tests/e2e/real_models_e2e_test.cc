@@ -77,6 +77,22 @@ class LibraryModel {
   va_host::ModelHandle model_;
 };
 
+// Declares `var`, the library model of type `type` over the converted TF.js
+// model; skips (fails under CI) when the model has not been fetched.
+#define LOAD_MODEL(var, type, name, adapter)                                     \
+  std::string var##_why;                                                         \
+  const std::string var##_graph = ConvertedModel(name, adapter, &var##_why);     \
+  if (var##_graph.empty()) SKIP_OR_FAIL_WITHOUT_DATA(var##_why);                 \
+  LibraryModel var(type, var##_graph);                                           \
+  ASSERT_EQ(var.code(), 0)
+
+// lo < v < hi (lo <= v <= hi when `closed`), printing all three on failure.
+testing::AssertionResult Between(double v, double lo, double hi, bool closed = false) {
+  if (closed ? (v >= lo && v <= hi) : (v > lo && v < hi)) return testing::AssertionSuccess();
+  return testing::AssertionFailure() << v << " is outside " << (closed ? "[" : "(") << lo << ", "
+                                     << hi << (closed ? "]" : ")");
+}
+
 Image AsImage(cv::Mat& bgr) { return Image{bgr.cols, bgr.rows, bgr.data, 3}; }
 
 // The values of a vector answer; result and payload are disposed.
@@ -117,11 +133,7 @@ enum Keypoint { kNose = 0, kLeftEye = 1, kRightEye = 2, kLeftShoulder = 5, kRigh
 using SkeletonOnAstronaut = AstronautTest;
 
 TEST_F(SkeletonOnAstronaut, KeypointsLandOnThePerson) {
-  std::string why;
-  const std::string graph = ConvertedModel("movenet-lightning", "skeleton", &why);
-  if (graph.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
-  LibraryModel model(24, graph);
-  ASSERT_EQ(model.code(), 0);
+  LOAD_MODEL(model, 24, "movenet-lightning", "skeleton");
   const std::vector<float> k = Keypoints(model.handle(), picture_);
   ASSERT_EQ(k.size(), 17u * 3);
   auto y = [&](int i) { return k[3 * i] * 512; };
@@ -129,10 +141,8 @@ TEST_F(SkeletonOnAstronaut, KeypointsLandOnThePerson) {
   auto score = [&](int i) { return k[3 * i + 2]; };
 
   EXPECT_GT(score(kNose), 0.3f);
-  EXPECT_GT(x(kNose), 195);
-  EXPECT_LT(x(kNose), 250);
-  EXPECT_GT(y(kNose), 105);
-  EXPECT_LT(y(kNose), 155);
+  EXPECT_TRUE(Between(x(kNose), 195, 250));
+  EXPECT_TRUE(Between(y(kNose), 105, 155));
   for (int eye : {kLeftEye, kRightEye}) {
     EXPECT_GT(score(eye), 0.3f);
     EXPECT_LT(y(eye), y(kNose)) << "eye " << eye;
@@ -142,8 +152,7 @@ TEST_F(SkeletonOnAstronaut, KeypointsLandOnThePerson) {
   EXPECT_GT(x(kLeftEye), x(kRightEye));
   EXPECT_GT(x(kLeftShoulder), x(kRightShoulder));
   for (int s : {kLeftShoulder, kRightShoulder}) {
-    EXPECT_GT(y(s), 200) << "shoulder " << s;
-    EXPECT_LT(y(s), 360) << "shoulder " << s;
+    EXPECT_TRUE(Between(y(s), 200, 360)) << "shoulder " << s;
   }
 }
 
@@ -177,10 +186,7 @@ TEST_F(SkeletonOnAstronaut, MatchesConvertedModelRunDirectly) {
 // left) the letterbox and the mapping back must bring the keypoints to the
 // same places of the astronaut, up to the coarser canvas.
 TEST_F(SkeletonOnAstronaut, WidePictureMapsBackToTheSamePlaces) {
-  std::string why;
-  const std::string graph = ConvertedModel("movenet-lightning", "skeleton", &why);
-  if (graph.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
-  LibraryModel model(24, graph);
+  LOAD_MODEL(model, 24, "movenet-lightning", "skeleton");
   cv::Mat wide(512, 768, CV_8UC3, cv::Scalar(0, 0, 0));
   picture_.copyTo(wide(cv::Rect(256, 0, 512, 512)));
   const std::vector<float> square = Keypoints(model.handle(), picture_);
@@ -197,37 +203,25 @@ class FaceOnAstronaut : public AstronautTest, public testing::WithParamInterface
 
 TEST_P(FaceOnAstronaut, FindsTheFaceWhereItIs) {
   const std::string variant = GetParam();
-  std::string why;
-  const std::string graph = ConvertedModel("blazeface-" + variant, "face-" + variant, &why);
-  if (graph.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
-  LibraryModel model(2, graph);
-  ASSERT_EQ(model.code(), 0);
+  LOAD_MODEL(model, 2, "blazeface-" + variant, "face-" + variant);
   const std::vector<NativeBoundingBox> boxes = Faces(model.handle(), picture_, 0.6f, 0.3f);
   ASSERT_GE(boxes.size(), 1u);
   EXPECT_LE(boxes.size(), 2u);
   for (const NativeBoundingBox& b : boxes) {
     const float cx = b.x + b.width / 2, cy = b.y + b.height / 2;
-    EXPECT_GT(cx, 195);
-    EXPECT_LT(cx, 255);
-    EXPECT_GT(cy, 95);
-    EXPECT_LT(cy, 160);
-    EXPECT_GT(b.width, 50);
-    EXPECT_LT(b.width, 170);
-    EXPECT_GT(b.height, 50);
-    EXPECT_LT(b.height, 170);
+    EXPECT_TRUE(Between(cx, 195, 255));
+    EXPECT_TRUE(Between(cy, 95, 160));
+    EXPECT_TRUE(Between(b.width, 50, 170));
+    EXPECT_TRUE(Between(b.height, 50, 170));
     EXPECT_EQ(b.classId, 0);
-    EXPECT_GE(b.score, 0.6f);
-    EXPECT_LE(b.score, 1.0f);
+    EXPECT_TRUE(Between(b.score, 0.6f, 1.0f, true));
   }
 }
 
 // A picture with no face: a flat grey square gives no box at this threshold.
 TEST_P(FaceOnAstronaut, FlatPictureHasNoFace) {
   const std::string variant = GetParam();
-  std::string why;
-  const std::string graph = ConvertedModel("blazeface-" + variant, "face-" + variant, &why);
-  if (graph.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
-  LibraryModel model(2, graph);
+  LOAD_MODEL(model, 2, "blazeface-" + variant, "face-" + variant);
   cv::Mat grey(300, 300, CV_8UC3, cv::Scalar(90, 90, 90));
   EXPECT_TRUE(Faces(model.handle(), grey, 0.6f, 0.3f).empty());
 }
@@ -296,11 +290,7 @@ class FaceAttributes : public testing::Test {
       if (pictures_.back().empty())
         SKIP_OR_FAIL_WITHOUT_DATA(path << " is absent (run scripts/fetch_media.sh)");
     }
-    std::string why;
-    const std::string detector = ConvertedModel("blazeface-back", "face-back", &why);
-    if (detector.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
-    LibraryModel faces(2, detector);
-    ASSERT_EQ(faces.code(), 0);
+    LOAD_MODEL(faces, 2, "blazeface-back", "face-back");
     for (cv::Mat& picture : pictures_) {
       const std::vector<NativeBoundingBox> found = Faces(faces.handle(), picture, 0.6f, 0.3f);
       ASSERT_EQ(found.size(), 1u) << "one face per sample picture";
@@ -341,8 +331,7 @@ TEST_F(FaceAttributes, AgeIsAdultAndFaceresOwnEstimate) {
     cv::Mat crop = Crop(who);
     const std::vector<float> age = Vector(Predict(model.handle(), AsImage(crop)));
     ASSERT_EQ(age.size(), 1u);
-    EXPECT_GE(age[0], 18) << "picture " << who;
-    EXPECT_LE(age[0], 70) << "picture " << who;
+    EXPECT_TRUE(Between(age[0], 18, 70, true)) << "picture " << who;
     // The publishers' reading: the most likely year A, moved towards its
     // likelier neighbour by ten times that neighbour's probability.
     const std::vector<float> p = FaceresDirect(plain, crop, "age_pred/Softmax");
@@ -360,15 +349,11 @@ TEST_F(FaceAttributes, AgeIsAdultAndFaceresOwnEstimate) {
 // face features (type 8) into the gender head (type 9), and the two halves
 // must give what the whole model gives.
 TEST_F(FaceAttributes, GenderFromFaceFeaturesSidesWithThePerson) {
+  LOAD_MODEL(embed, kFaceEmbedding, "faceres", "face-features");
+  LOAD_MODEL(head, kGenderModel, "faceres", "gender");
   std::string why;
-  const std::string features = ConvertedModel("faceres", "face-features", &why);
-  const std::string gender = ConvertedModel("faceres", "gender", &why);
   const std::string plain = ConvertedModel("faceres", "", &why);
-  if (features.empty() || gender.empty() || plain.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
-  LibraryModel embed(kFaceEmbedding, features);
-  LibraryModel head(kGenderModel, gender);
-  ASSERT_EQ(embed.code(), 0);
-  ASSERT_EQ(head.code(), 0);
+  if (plain.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
   float scores[2];
   for (int who : {kAstronaut, kMessi}) {
     const cv::Mat crop = Crop(who);
@@ -389,11 +374,7 @@ TEST_F(FaceAttributes, GenderFromFaceFeaturesSidesWithThePerson) {
 // The same face cropped twice a little differently stays closer to itself
 // than to another person's face; a batch gives each crop's row unchanged.
 TEST_F(FaceAttributes, EmbeddingsTellFacesApart) {
-  std::string why;
-  const std::string features = ConvertedModel("faceres", "face-features", &why);
-  if (features.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
-  LibraryModel model(kFaceEmbedding, features);
-  ASSERT_EQ(model.code(), 0);
+  LOAD_MODEL(model, kFaceEmbedding, "faceres", "face-features");
   const std::vector<float> rows =
       Embeddings(model.handle(), {Crop(kAstronaut), Crop(kAstronaut, 1.35f, 5, -4), Crop(kMessi)});
   ASSERT_EQ(rows.size(), 3u * 1024);
@@ -410,11 +391,7 @@ TEST_F(FaceAttributes, EmbeddingsTellFacesApart) {
 }
 
 TEST_F(FaceAttributes, EmotionsAreADistribution) {
-  std::string why;
-  const std::string graph = ConvertedModel("emotion", "emotion", &why);
-  if (graph.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
-  LibraryModel model(kEmotionModel, graph);
-  ASSERT_EQ(model.code(), 0);
+  LOAD_MODEL(model, kEmotionModel, "emotion", "emotion");
   for (int who : {kAstronaut, kMessi}) {
     // Any crop size: the graph gets the bytes and their shape.
     cv::Mat crop = FaceCrop(pictures_[who], faces_[who], 1.1f, 0, 0, 97);
@@ -422,8 +399,7 @@ TEST_F(FaceAttributes, EmotionsAreADistribution) {
     ASSERT_EQ(scores.size(), 7u);
     float sum = 0;
     for (float p : scores) {
-      EXPECT_GE(p, 0.0f);
-      EXPECT_LE(p, 1.0f);
+      EXPECT_TRUE(Between(p, 0.0f, 1.0f, true));
       sum += p;
     }
     EXPECT_NEAR(sum, 1.0f, 1e-4) << "picture " << who;
@@ -440,13 +416,8 @@ TEST_F(FaceAttributes, LightEmbeddingKeepsOneFaceTogether) {
   const std::string video = CacheDir() + "/media/Megamind.avi";
   cv::VideoCapture capture(video);
   if (!capture.isOpened()) SKIP_OR_FAIL_WITHOUT_DATA(video << " is absent (run scripts/fetch_media.sh)");
-  std::string why;
-  const std::string detector = ConvertedModel("blazeface-back", "face-back", &why);
-  const std::string graph = ConvertedModel("mobilefacenet", "face-light-embedding", &why);
-  if (detector.empty() || graph.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
-  LibraryModel faces(2, detector);
-  LibraryModel model(VA_FACE_LIGHT_EMBEDDING, graph);
-  ASSERT_EQ(model.code(), 0);
+  LOAD_MODEL(faces, 2, "blazeface-back", "face-back");
+  LOAD_MODEL(model, VA_FACE_LIGHT_EMBEDDING, "mobilefacenet", "face-light-embedding");
   std::vector<cv::Mat> crops;
   cv::Mat frame;
   for (int index = 0; capture.read(frame); ++index) {
@@ -523,8 +494,7 @@ TEST_F(FaceAttributes, LandmarksAndHeadPoseFollowTheFace) {
     const float* f = v.data() + i * 139;
     std::printf("%s: yaw %.1f pitch %.1f roll %.1f\n", names[i], f[136], f[137], f[138]);
     for (int k = 0; k < 136; ++k) {
-      EXPECT_GT(f[k], 0.0f) << names[i] << " value " << k;
-      EXPECT_LT(f[k], 1.0f) << names[i] << " value " << k;
+      EXPECT_TRUE(Between(f[k], 0.0f, 1.0f)) << names[i] << " value " << k;
     }
     // Eye corners 36 and 45 left and right of the nose tip 30, above the
     // mouth corners 48 and 54, above the chin 8.
@@ -564,11 +534,7 @@ std::vector<NativeBoundingBox> Objects(void* model, cv::Mat& bgr, float score) {
 }
 
 TEST_F(FaceAttributes, PersonDetectedAroundTheFace) {
-  std::string why;
-  const std::string graph = ConvertedModel("centernet", "person-vehicle", &why);
-  if (graph.empty()) SKIP_OR_FAIL_WITHOUT_DATA(why);
-  LibraryModel model(kPersonVehicleDetector, graph);
-  ASSERT_EQ(model.code(), 0);
+  LOAD_MODEL(model, kPersonVehicleDetector, "centernet", "person-vehicle");
   for (int who : {kAstronaut, kMessi}) {
     cv::Mat& picture = pictures_[who];
     const std::vector<NativeBoundingBox> boxes = Objects(model.handle(), picture, 0.3f);
@@ -635,10 +601,8 @@ TEST(FrozenFaceDetector, FindsThePlayersFaceInMessi) {
               b.width, b.height, b.score);
   EXPECT_NEAR(b.x + b.width / 2, 243.5f, 10.0f);
   EXPECT_NEAR(b.y + b.height / 2, 113.5f, 10.0f);
-  EXPECT_GT(b.width, 18.0f);
-  EXPECT_LT(b.width, 50.0f);
-  EXPECT_GT(b.height, 25.0f);
-  EXPECT_LT(b.height, 60.0f);
+  EXPECT_TRUE(Between(b.width, 18.0f, 50.0f));
+  EXPECT_TRUE(Between(b.height, 25.0f, 60.0f));
   EXPECT_EQ(b.classId, 0);
   EXPECT_GT(b.score, 0.2f);
 }

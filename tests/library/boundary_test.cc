@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "library/library_test_util.h"
+#include "library/records_layout.h"
 #include "videoanalytics.h"
 
 extern "C" const size_t kVaCLayout[];
@@ -28,7 +29,7 @@ namespace {
 
 // Sizes and offsets for LP64 with natural alignment, worked out by hand
 // field by field (pointers 8, int32 and float 4, padding before pointers).
-// Same order as the C table.
+// Same order as VA_RECORD_LAYOUT.
 const std::vector<size_t> kExpectedLayout = {
     24, 4, 8, 16,          // Image: width 0, height 4, pixels 8, channels 16 + 4 padding
     32, 8,                 // BatchImageInput: count 0 + 4 padding, image 8
@@ -46,31 +47,8 @@ const std::vector<size_t> kExpectedLayout = {
     16, 8,                 // ComputeDeviceEntry: name 0, type 8
 };
 
-#define VA_OFFSET(type, field) offsetof(type, field)
-
 TEST(RecordLayout, CxxSizesAndOffsets) {
-  const std::vector<size_t> cxx = {
-      sizeof(Image), VA_OFFSET(Image, height), VA_OFFSET(Image, pixels),
-      VA_OFFSET(Image, channels),
-      sizeof(BatchImageInput), VA_OFFSET(BatchImageInput, image),
-      sizeof(RelRect), VA_OFFSET(RelRect, y), VA_OFFSET(RelRect, width),
-      VA_OFFSET(RelRect, height),
-      sizeof(ImageWithRectsInput), VA_OFFSET(ImageWithRectsInput, rectCount),
-      VA_OFFSET(ImageWithRectsInput, rects),
-      sizeof(PatchInput), VA_OFFSET(PatchInput, rects),
-      sizeof(BoxDetectionInputData), VA_OFFSET(BoxDetectionInputData, scoreThreshold),
-      VA_OFFSET(BoxDetectionInputData, overlapThreshold),
-      sizeof(ModelOptions), VA_OFFSET(ModelOptions, graphData), VA_OFFSET(ModelOptions, device),
-      sizeof(ProcessResult), VA_OFFSET(ProcessResult, error),
-      sizeof(ProcessError), VA_OFFSET(ProcessError, message),
-      sizeof(FloatVector), VA_OFFSET(FloatVector, values),
-      sizeof(NativeBoundingBox), VA_OFFSET(NativeBoundingBox, y),
-      VA_OFFSET(NativeBoundingBox, width), VA_OFFSET(NativeBoundingBox, height),
-      VA_OFFSET(NativeBoundingBox, classId), VA_OFFSET(NativeBoundingBox, score),
-      sizeof(BoxDetectionResult), VA_OFFSET(BoxDetectionResult, boxes),
-      sizeof(ComputeDeviceInfo), VA_OFFSET(ComputeDeviceInfo, devices),
-      sizeof(ComputeDeviceEntry), VA_OFFSET(ComputeDeviceEntry, type),
-  };
+  const std::vector<size_t> cxx = {VA_RECORD_LAYOUT};
   EXPECT_EQ(cxx, kExpectedLayout);
 }
 
@@ -79,10 +57,7 @@ TEST(RecordLayout, CompiledAsCTheSame) {
   EXPECT_EQ(c, kExpectedLayout);
 }
 
-struct DynamicSymbol {
-  std::string name;
-  unsigned type;
-};
+struct DynamicSymbol { std::string name; unsigned type; };
 
 // Defined global and weak symbols of the ELF64 file's .dynsym, every offset
 // checked against the file size before use.

@@ -226,10 +226,7 @@ struct HeatmapCrops {
 // Pixel (u, v) of a model point turned by `yaw` about the model's y axis,
 // then by `roll` about z, 850 units before a camera of focal 192 centred on
 // (96, 96): u = 96 + 192 X / Z.
-struct ModelPoint {
-  int landmark;
-  double x, y, z;
-};
+struct ModelPoint { int landmark; double x, y, z; };
 constexpr ModelPoint kFaceModel[] = {{33, 0, 0, 0},          {8, 0, -330, -65},
                                      {45, -225, 170, -135},  {36, 225, 170, -135},
                                      {54, -150, -150, -125}, {48, 150, -150, -125}};

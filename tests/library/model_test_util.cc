@@ -12,11 +12,7 @@
 namespace {
 
 // Live tensors, each with the serial number of its making.
-struct Registry {
-  std::mutex lock;
-  std::map<const TF_Tensor*, uint64_t> live;
-  uint64_t made = 0;
-};
+struct Registry { std::mutex lock; std::map<const TF_Tensor*, uint64_t> live; uint64_t made = 0; };
 
 Registry& Tensors() {
   static Registry* registry = new Registry;  // outlives every static destructor
@@ -162,9 +158,7 @@ std::string EchoGraph::Flat(const std::string& tensor) {
 std::string EchoGraph::Dims(const std::string& tensor) {
   const std::string name = Fresh("dims");
   const auto type = types_.find(tensor);
-  g_.Node("Shape", name)
-      .Input(tensor)
-      .Attr("T", type == types_.end() ? TF_FLOAT : type->second)
+  g_.Node("Shape", name).Input(tensor).Attr("T", type == types_.end() ? TF_FLOAT : type->second)
       .Attr("out_type", TF_INT32);
   types_[name] = TF_INT32;
   return AsFloat(name);
@@ -177,11 +171,7 @@ std::string EchoGraph::Values(const std::string& tensor) {
 std::string EchoGraph::Sum(const std::string& tensor) {
   const std::string axes = g_.Const<int32_t>(Fresh("axes"), {1}, {0});
   const std::string name = Fresh("sum");
-  g_.Node("Sum", name)
-      .Input(Values(tensor))
-      .Input(axes)
-      .Attr("T", TF_FLOAT)
-      .Attr("Tidx", TF_INT32)
+  g_.Node("Sum", name).Input(Values(tensor)).Input(axes).Attr("T", TF_FLOAT).Attr("Tidx", TF_INT32)
       .Attr("keep_dims", true);
   return name;
 }
@@ -217,11 +207,8 @@ std::string EchoGraph::Sliced(const std::string& tensor, const std::vector<int32
   const std::string name = Fresh("sliced");
   const auto type = types_.find(tensor);
   const TF_DataType dtype = type == types_.end() ? TF_FLOAT : type->second;
-  g_.Node("Slice", name)
-      .Input(tensor)
-      .Input(g_.Const<int32_t>(Fresh("begin"), {rank}, begin))
-      .Input(g_.Const<int32_t>(Fresh("size"), {rank}, size))
-      .Attr("T", dtype)
+  g_.Node("Slice", name).Input(tensor).Input(g_.Const<int32_t>(Fresh("begin"), {rank}, begin))
+      .Input(g_.Const<int32_t>(Fresh("size"), {rank}, size)).Attr("T", dtype)
       .Attr("Index", TF_INT32);
   if (dtype != TF_FLOAT) types_[name] = dtype;
   return name;
@@ -235,23 +222,15 @@ EchoGraph& EchoGraph::Row(const std::string& name, const std::vector<std::string
     auto concat = g_.Node("ConcatV2", row);
     for (const std::string& fact : facts) concat.Input(fact);
     concat.Input(g_.Const<int32_t>(Fresh("axis"), {}, {0}))
-        .Attr("N", static_cast<int64_t>(facts.size()))
-        .Attr("T", TF_FLOAT)
-        .Attr("Tidx", TF_INT32);
+        .Attr("N", static_cast<int64_t>(facts.size())).Attr("T", TF_FLOAT).Attr("Tidx", TF_INT32);
   }
   if (width > 0) {
-    g_.Node("Slice", name)
-        .Input(row)
-        .Input(g_.Const<int32_t>(Fresh("begin"), {1}, {skip}))
-        .Input(g_.Const<int32_t>(Fresh("size"), {1}, {width}))
-        .Attr("T", TF_FLOAT)
+    g_.Node("Slice", name).Input(row).Input(g_.Const<int32_t>(Fresh("begin"), {1}, {skip}))
+        .Input(g_.Const<int32_t>(Fresh("size"), {1}, {width})).Attr("T", TF_FLOAT)
         .Attr("Index", TF_INT32);
   } else {
-    g_.Node("ExpandDims", name)
-        .Input(row)
-        .Input(g_.Const<int32_t>(Fresh("dim"), {}, {0}))
-        .Attr("T", TF_FLOAT)
-        .Attr("Tdim", TF_INT32);
+    g_.Node("ExpandDims", name).Input(row).Input(g_.Const<int32_t>(Fresh("dim"), {}, {0}))
+        .Attr("T", TF_FLOAT).Attr("Tdim", TF_INT32);
   }
   return *this;
 }

@@ -51,22 +51,12 @@ std::string CanvasGraph(TF_DataType inputType = TF_UINT8, bool withInput = true,
       {"rows", {0, 2, 3}}, {"columns", {0, 1, 3}}, {"channels", {0, 1, 2}}};
   for (const auto& [name, axes] : sums) {
     g.Const<int32_t>(name + "_axes", {3}, axes);
-    g.Node("Sum", name)
-        .Input("canvas")
-        .Input(name + "_axes")
-        .Attr("T", TF_FLOAT)
-        .Attr("Tidx", TF_INT32)
-        .Attr("keep_dims", false);
+    g.Node("Sum", name).Input("canvas").Input(name + "_axes").Attr("T", TF_FLOAT)
+        .Attr("Tidx", TF_INT32).Attr("keep_dims", false);
   }
   g.Const<int32_t>("axis", {}, {0});
-  g.Node("ConcatV2", "scores")
-      .Input("rows")
-      .Input("columns")
-      .Input("channels")
-      .Input("axis")
-      .Attr("N", 3)
-      .Attr("T", TF_FLOAT)
-      .Attr("Tidx", TF_INT32);
+  g.Node("ConcatV2", "scores").Input("rows").Input("columns").Input("channels").Input("axis")
+      .Attr("N", 3).Attr("T", TF_FLOAT).Attr("Tidx", TF_INT32);
   // Without the input the scores are 5 zeros; the keypoints follow suit.
   const int count = withInput ? kScores : 5;
   std::vector<float> ys(count), xs(count);
@@ -76,19 +66,11 @@ std::string CanvasGraph(TF_DataType inputType = TF_UINT8, bool withInput = true,
   }
   g.Const<float>("ys", {count}, ys);
   g.Const<float>("xs", {count}, xs);
-  g.Node("Pack", "triples")
-      .Input("ys")
-      .Input("xs")
-      .Input("scores")
-      .Attr("N", 3)
-      .Attr("T", TF_FLOAT)
-      .Attr("axis", 1);
+  g.Node("Pack", "triples").Input("ys").Input("xs").Input("scores").Attr("N", 3)
+      .Attr("T", TF_FLOAT).Attr("axis", 1);
   g.Const<int32_t>("keypoint_shape", {4}, {1, 1, count, 3});
-  g.Node("Reshape", withOutput ? "Identity" : "keypoints")
-      .Input("triples")
-      .Input("keypoint_shape")
-      .Attr("T", TF_FLOAT)
-      .Attr("Tshape", TF_INT32);
+  g.Node("Reshape", withOutput ? "Identity" : "keypoints").Input("triples")
+      .Input("keypoint_shape").Attr("T", TF_FLOAT).Attr("Tshape", TF_INT32);
   return g.Serialize();
 }
 

@@ -80,9 +80,7 @@ bool SameBits(const std::vector<float>& a, const std::vector<float>& b) {
          (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0);
 }
 
-struct Geometry {
-  float x, y, width, height;
-};
+struct Geometry { float x, y, width, height; };
 
 // Clustered boxes, so that many pairs overlap, with a few oddities.
 std::vector<Geometry> RandomGeometry(std::mt19937& rng, size_t count) {

@@ -17,9 +17,12 @@
 namespace {
 
 using testing_support::Dims;
+using testing_support::ExpectOutput;
 using testing_support::ExpectRunError;
 using testing_support::GraphBuilder;
 using testing_support::OneOp;
+using testing_support::RunDims;
+using testing_support::RunOk;
 using testing_support::TensorPtr;
 using testing_support::TestSession;
 using testing_support::Values;
@@ -57,10 +60,8 @@ TEST(ShapeOpsTest, ShapeSizeRankOfAnEmptyTensor) {
     ASSERT_EQ(op.OutputType(), TF_INT32);
     EXPECT_EQ(op.Output<int32_t>(), expected);
   }
-  OneOp wide("Shape");
-  wide.In<uint8_t>({4, 1}, {1, 2, 3, 4}).Attr("T", TF_UINT8).Attr("out_type", TF_INT64);
-  ASSERT_EQ(wide.Run(), TF_OK) << wide.error();
-  EXPECT_EQ(wide.Output<int64_t>(), (std::vector<int64_t>{4, 1}));
+  EXPECT_EQ(RunOk<int64_t>(OneOp("Shape").In<uint8_t>({4, 1}, {1, 2, 3, 4}).Attr("T", TF_UINT8)
+      .Attr("out_type", TF_INT64)), (std::vector<int64_t>{4, 1}));
 }
 
 TEST(ShapeOpsTest, ReshapeInfersOneDim) {
@@ -84,10 +85,9 @@ TEST(ShapeOpsTest, ReshapeInfersOneDim) {
   }
   for (const std::vector<int64_t>& bad :
        {std::vector<int64_t>{-1, -1}, {4}, {-1, 4}, {-2, -3}, {3, 2, 1, 0, -1}}) {
-    OneOp op("Reshape");
-    op.In<float>({6}, {0, 1, 2, 3, 4, 5}).In<int64_t>({static_cast<int64_t>(bad.size())}, bad)
-        .Attr("T", TF_FLOAT).Attr("Tshape", TF_INT64);
-    ExpectRunError(op);
+    ExpectRunError(OneOp("Reshape").In<float>({6}, {0, 1, 2, 3, 4, 5})
+        .In<int64_t>({static_cast<int64_t>(bad.size())}, bad).Attr("T", TF_FLOAT)
+        .Attr("Tshape", TF_INT64));
   }
 }
 
@@ -100,24 +100,16 @@ TEST(ShapeOpsTest, ExpandDimsAndSqueeze) {
     EXPECT_EQ(op.OutputDims(), expected) << "dim " << dim;
     EXPECT_EQ(op.Output<float>(), (std::vector<float>{1, 2, 3, 4, 5, 6}));
   }
-  OneOp far("ExpandDims");
-  far.In<float>({2, 3}, {1, 2, 3, 4, 5, 6}).In<int32_t>({}, {3}).Attr("T", TF_FLOAT);
-  ExpectRunError(far);
+  ExpectRunError(OneOp("ExpandDims").In<float>({2, 3}, {1, 2, 3, 4, 5, 6}).In<int32_t>({}, {3})
+      .Attr("T", TF_FLOAT));
 
-  OneOp all("Squeeze");
-  all.In<int32_t>({1, 2, 1, 3}, Iota(6)).Attr("T", TF_INT32);
-  ASSERT_EQ(all.Run(), TF_OK) << all.error();
-  EXPECT_EQ(all.OutputDims(), (Dims{2, 3}));
-  OneOp some("Squeeze");
-  some.In<int32_t>({1, 2, 1, 3}, Iota(6)).Attr("T", TF_INT32)
-      .Attr("squeeze_dims", std::vector<int64_t>{-2});
-  ASSERT_EQ(some.Run(), TF_OK) << some.error();
-  EXPECT_EQ(some.OutputDims(), (Dims{1, 2, 3}));
+  EXPECT_EQ(RunDims(OneOp("Squeeze").In<int32_t>({1, 2, 1, 3}, Iota(6))
+      .Attr("T", TF_INT32)), (Dims{2, 3}));
+  EXPECT_EQ(RunDims(OneOp("Squeeze").In<int32_t>({1, 2, 1, 3}, Iota(6)).Attr("T", TF_INT32)
+      .Attr("squeeze_dims", std::vector<int64_t>{-2})), (Dims{1, 2, 3}));
   for (int64_t bad : {1, 4}) {  // a dim of size 2; a dim that does not exist
-    OneOp op("Squeeze");
-    op.In<int32_t>({1, 2, 1, 3}, Iota(6)).Attr("T", TF_INT32)
-        .Attr("squeeze_dims", std::vector<int64_t>{bad});
-    ExpectRunError(op);
+    ExpectRunError(OneOp("Squeeze").In<int32_t>({1, 2, 1, 3}, Iota(6)).Attr("T", TF_INT32)
+        .Attr("squeeze_dims", std::vector<int64_t>{bad}));
   }
 }
 
@@ -133,38 +125,27 @@ TEST(JoinOpsTest, PackAlongEachAxis) {
     EXPECT_EQ(op.OutputDims(), dims) << "axis " << axis;
     EXPECT_EQ(op.Output<int32_t>(), values) << "axis " << axis;
   }
-  OneOp mismatch("Pack");
-  mismatch.In<int32_t>({2}, {1, 2}).In<int32_t>({3}, {3, 4, 5}).Attr("T", TF_INT32).Attr("N", 2);
-  ExpectRunError(mismatch);
-  OneOp far("Pack");
-  far.In<int32_t>({2}, {1, 2}).In<int32_t>({2}, {3, 4}).Attr("T", TF_INT32).Attr("N", 2)
-      .Attr("axis", 2);
-  ExpectRunError(far);
+  ExpectRunError(OneOp("Pack").In<int32_t>({2}, {1, 2}).In<int32_t>({3}, {3, 4, 5})
+      .Attr("T", TF_INT32).Attr("N", 2));
+  ExpectRunError(OneOp("Pack").In<int32_t>({2}, {1, 2}).In<int32_t>({2}, {3, 4}).Attr("T", TF_INT32)
+      .Attr("N", 2).Attr("axis", 2));
 }
 
 TEST(JoinOpsTest, ConcatWithEmptyPiecesAndBothForms) {
   // [[1, 2], [3, 4]] ++ [2, 0] ++ [[5], [6]] along the last axis.
-  OneOp v2("ConcatV2");
-  v2.In<float>({2, 2}, {1, 2, 3, 4}).In<float>({2, 0}, {}).In<float>({2, 1}, {5, 6})
-      .In<int64_t>({}, {-1}).Attr("T", TF_FLOAT).Attr("N", 3).Attr("Tidx", TF_INT64);
-  ASSERT_EQ(v2.Run(), TF_OK) << v2.error();
-  EXPECT_EQ(v2.OutputDims(), (Dims{2, 3}));
-  EXPECT_EQ(v2.Output<float>(), (std::vector<float>{1, 2, 5, 3, 4, 6}));
+  ExpectOutput<float>(OneOp("ConcatV2").In<float>({2, 2}, {1, 2, 3, 4}).In<float>({2, 0}, {})
+      .In<float>({2, 1}, {5, 6}).In<int64_t>({}, {-1}).Attr("T", TF_FLOAT).Attr("N", 3)
+      .Attr("Tidx", TF_INT64), {2, 3}, (std::vector<float>{1, 2, 5, 3, 4, 6}));
 
-  OneOp old("Concat");
-  old.In<int32_t>({}, {0}).In<bool>({1, 2}, {true, false}).In<bool>({2, 2}, {false, true, true, true})
-      .Attr("T", TF_BOOL).Attr("N", 2);
-  ASSERT_EQ(old.Run(), TF_OK) << old.error();
-  EXPECT_EQ(old.OutputDims(), (Dims{3, 2}));
-  EXPECT_EQ(old.Output<bool>(), (std::vector<bool>{true, false, false, true, true, true}));
+  ExpectOutput<bool>(OneOp("Concat").In<int32_t>({}, {0}).In<bool>({1, 2}, {true, false})
+      .In<bool>({2, 2}, {false, true, true, true}).Attr("T", TF_BOOL)
+      .Attr("N", 2), {3, 2}, (std::vector<bool>{true, false, false, true, true, true}));
 
   struct Bad { Dims b; int32_t axis; };
-  for (const Bad& bad : {Bad{{3, 1}, 1}, Bad{{2, 1}, 2}, Bad{{2, 1}, -3}, Bad{{2}, 0}}) {
-    OneOp op("ConcatV2");
-    op.In<float>({2, 2}, {1, 2, 3, 4}).In<float>(bad.b, std::vector<float>(Count(bad.b)))
-        .In<int32_t>({}, {bad.axis}).Attr("T", TF_FLOAT).Attr("N", 2);
-    ExpectRunError(op);
-  }
+  for (const Bad& bad : {Bad{{3, 1}, 1}, Bad{{2, 1}, 2}, Bad{{2, 1}, -3}, Bad{{2}, 0}})
+    ExpectRunError(OneOp("ConcatV2").In<float>({2, 2}, {1, 2, 3, 4})
+        .In<float>(bad.b, std::vector<float>(Count(bad.b))).In<int32_t>({}, {bad.axis})
+        .Attr("T", TF_FLOAT).Attr("N", 2));
 }
 
 TEST(JoinOpsTest, UnpackSplitAndSplitV) {
@@ -195,36 +176,25 @@ TEST(JoinOpsTest, UnpackSplitAndSplitV) {
   EXPECT_EQ(testing_support::DimsOf(splitv[1].get()), (Dims{2, 2}));
   EXPECT_EQ(Values<int32_t>(splitv[1].get()), (std::vector<int32_t>{2, 3, 5, 6}));
 
-  OneOp uneven("Split");
-  uneven.In<int32_t>({}, {1}).In<float>({2, 3}, {1, 2, 3, 4, 5, 6}).Attr("T", TF_FLOAT)
-      .Attr("num_split", 2);
-  ExpectRunError(uneven);
-  for (const std::vector<int64_t>& sizes : {std::vector<int64_t>{1, 1}, {-1, -1}, {4, -1}, {-2, 5}}) {
-    OneOp op("SplitV");
-    op.In<float>({3}, {1, 2, 3}).In<int64_t>({2}, sizes).In<int32_t>({}, {0})
-        .Attr("T", TF_FLOAT).Attr("num_split", 2);
-    ExpectRunError(op);
-  }
-  OneOp wrong_num("Unpack");
-  wrong_num.In<float>({2, 3}, {1, 2, 3, 4, 5, 6}).Attr("T", TF_FLOAT).Attr("num", 3);
-  ExpectRunError(wrong_num);
+  ExpectRunError(OneOp("Split").In<int32_t>({}, {1}).In<float>({2, 3}, {1, 2, 3, 4, 5, 6})
+      .Attr("T", TF_FLOAT).Attr("num_split", 2));
+  for (const std::vector<int64_t>& sizes : {std::vector<int64_t>{1, 1}, {-1, -1}, {4, -1}, {-2, 5}})
+    ExpectRunError(OneOp("SplitV").In<float>({3}, {1, 2, 3}).In<int64_t>({2}, sizes)
+        .In<int32_t>({}, {0}).Attr("T", TF_FLOAT).Attr("num_split", 2));
+  ExpectRunError(OneOp("Unpack").In<float>({2, 3}, {1, 2, 3, 4, 5, 6}).Attr("T", TF_FLOAT)
+      .Attr("num", 3));
 }
 
 TEST(TransposeTest, PermutesSmallAndLargeTensors) {
   // out[i, j, k] = x[j, k, i] = 12 j + 4 k + i.
-  OneOp op("Transpose");
-  op.In<int32_t>({2, 3, 4}, Iota(24)).In<int32_t>({3}, {2, 0, 1}).Attr("T", TF_INT32);
-  ASSERT_EQ(op.Run(), TF_OK) << op.error();
-  EXPECT_EQ(op.OutputDims(), (Dims{4, 2, 3}));
-  EXPECT_EQ(op.Output<int32_t>(),
-            (std::vector<int32_t>{0, 4, 8, 12, 16, 20, 1, 5, 9, 13, 17, 21,
-                                  2, 6, 10, 14, 18, 22, 3, 7, 11, 15, 19, 23}));
+  ExpectOutput<int32_t>(
+      OneOp("Transpose").In<int32_t>({2, 3, 4}, Iota(24)).In<int32_t>({3}, {2, 0, 1})
+          .Attr("T", TF_INT32), {4, 2, 3},
+      {0, 4, 8, 12, 16, 20, 1, 5, 9, 13, 17, 21, 2, 6, 10, 14, 18, 22, 3, 7, 11, 15, 19, 23});
 
-  OneOp bytes("Transpose");
-  bytes.In<uint8_t>({2, 3}, {1, 2, 3, 4, 5, 6}).In<int64_t>({2}, {1, 0})
-      .Attr("T", TF_UINT8).Attr("Tperm", TF_INT64);
-  ASSERT_EQ(bytes.Run(), TF_OK) << bytes.error();
-  EXPECT_EQ(bytes.Output<uint8_t>(), (std::vector<uint8_t>{1, 4, 2, 5, 3, 6}));
+  EXPECT_EQ(RunOk<uint8_t>(OneOp("Transpose").In<uint8_t>({2, 3}, {1, 2, 3, 4, 5, 6})
+      .In<int64_t>({2}, {1, 0}).Attr("T", TF_UINT8)
+      .Attr("Tperm", TF_INT64)), (std::vector<uint8_t>{1, 4, 2, 5, 3, 6}));
 
   // NHWC -> NCHW on seeded random data, large enough to run in parallel.
   const int n = 2, h = 37, w = 41, c = 19;
@@ -238,50 +208,29 @@ TEST(TransposeTest, PermutesSmallAndLargeTensors) {
       for (int z = 0; z < w; ++z)
         for (int k = 0; k < c; ++k)
           expected[((b * c + k) * h + y) * w + z] = x[((b * h + y) * w + z) * c + k];
-  OneOp big("Transpose");
-  big.In<float>({n, h, w, c}, x).In<int32_t>({4}, {0, 3, 1, 2}).Attr("T", TF_FLOAT);
-  ASSERT_EQ(big.Run(), TF_OK) << big.error();
-  EXPECT_EQ(big.OutputDims(), (Dims{n, c, h, w}));
-  EXPECT_EQ(big.Output<float>(), expected);
+  ExpectOutput<float>(OneOp("Transpose").In<float>({n, h, w, c}, x).In<int32_t>({4}, {0, 3, 1, 2})
+      .Attr("T", TF_FLOAT), {n, c, h, w}, expected);
 
-  for (const std::vector<int32_t>& perm : {std::vector<int32_t>{0, 0, 1}, {0, 1, 3}, {-1, 0, 1}, {1, 0}}) {
-    OneOp bad("Transpose");
-    bad.In<int32_t>({2, 3, 4}, Iota(24)).In<int32_t>({static_cast<int64_t>(perm.size())}, perm)
-        .Attr("T", TF_INT32);
-    ExpectRunError(bad);
-  }
+  for (const std::vector<int32_t>& perm : {std::vector<int32_t>{0, 0, 1}, {0, 1, 3}, {-1, 0, 1}, {1, 0}})
+    ExpectRunError(OneOp("Transpose").In<int32_t>({2, 3, 4}, Iota(24))
+        .In<int32_t>({static_cast<int64_t>(perm.size())}, perm).Attr("T", TF_INT32));
 }
 
 TEST(FillOpsTest, FillZerosOnesLike) {
-  OneOp fill("Fill");
-  fill.In<int32_t>({2}, {2, 3}).In<int64_t>({}, {-7}).Attr("T", TF_INT64);
-  ASSERT_EQ(fill.Run(), TF_OK) << fill.error();
-  EXPECT_EQ(fill.OutputDims(), (Dims{2, 3}));
-  EXPECT_EQ(fill.Output<int64_t>(), std::vector<int64_t>(6, -7));
+  ExpectOutput<int64_t>(OneOp("Fill").In<int32_t>({2}, {2, 3}).In<int64_t>({}, {-7})
+      .Attr("T", TF_INT64), {2, 3}, std::vector<int64_t>(6, -7));
 
-  OneOp zeros("ZerosLike");
-  zeros.In<double>({3}, {1.5, -2, 3}).Attr("T", TF_DOUBLE);
-  ASSERT_EQ(zeros.Run(), TF_OK) << zeros.error();
-  EXPECT_EQ(zeros.Output<double>(), (std::vector<double>{0, 0, 0}));
-  OneOp ones("OnesLike");
-  ones.In<float>({2, 1}, {5, 6}).Attr("T", TF_FLOAT);
-  ASSERT_EQ(ones.Run(), TF_OK) << ones.error();
-  EXPECT_EQ(ones.Output<float>(), (std::vector<float>{1, 1}));
-  OneOp truth("OnesLike");
-  truth.In<bool>({2}, {false, false}).Attr("T", TF_BOOL);
-  ASSERT_EQ(truth.Run(), TF_OK) << truth.error();
-  EXPECT_EQ(truth.Output<bool>(), (std::vector<bool>{true, true}));
+  EXPECT_EQ(RunOk<double>(OneOp("ZerosLike").In<double>({3}, {1.5, -2, 3})
+      .Attr("T", TF_DOUBLE)), (std::vector<double>{0, 0, 0}));
+  EXPECT_EQ(RunOk<float>(OneOp("OnesLike").In<float>({2, 1}, {5, 6})
+      .Attr("T", TF_FLOAT)), (std::vector<float>{1, 1}));
+  EXPECT_EQ(RunOk<bool>(OneOp("OnesLike").In<bool>({2}, {false, false})
+      .Attr("T", TF_BOOL)), (std::vector<bool>{true, true}));
 
-  OneOp negative("Fill");
-  negative.In<int32_t>({2}, {2, -1}).In<float>({}, {1}).Attr("T", TF_FLOAT);
-  ExpectRunError(negative);
-  OneOp not_scalar("Fill");
-  not_scalar.In<int32_t>({1}, {2}).In<float>({1}, {1}).Attr("T", TF_FLOAT);
-  ExpectRunError(not_scalar);
-  OneOp huge("Fill");
-  huge.In<int64_t>({2}, {int64_t{1} << 40, int64_t{1} << 40}).In<float>({}, {1})
-      .Attr("T", TF_FLOAT).Attr("index_type", TF_INT64);
-  ExpectRunError(huge);
+  ExpectRunError(OneOp("Fill").In<int32_t>({2}, {2, -1}).In<float>({}, {1}).Attr("T", TF_FLOAT));
+  ExpectRunError(OneOp("Fill").In<int32_t>({1}, {2}).In<float>({1}, {1}).Attr("T", TF_FLOAT));
+  ExpectRunError(OneOp("Fill").In<int64_t>({2}, {int64_t{1} << 40, int64_t{1} << 40})
+      .In<float>({}, {1}).Attr("T", TF_FLOAT).Attr("index_type", TF_INT64));
 }
 
 TEST(FillOpsTest, RangeSizesAndLimits) {
@@ -334,25 +283,19 @@ TEST(FillOpsTest, TileRepeatsEachDim) {
   }
   for (const std::vector<int64_t>& bad :
        {std::vector<int64_t>{2}, {1, -1}, {int64_t{1} << 40, int64_t{1} << 40}}) {
-    OneOp op("Tile");
-    op.In<float>({2, 2}, {1, 2, 3, 4}).In<int64_t>({static_cast<int64_t>(bad.size())}, bad)
-        .Attr("T", TF_FLOAT).Attr("Tmultiples", TF_INT64);
-    ExpectRunError(op);
+    ExpectRunError(OneOp("Tile").In<float>({2, 2}, {1, 2, 3, 4})
+        .In<int64_t>({static_cast<int64_t>(bad.size())}, bad).Attr("T", TF_FLOAT)
+        .Attr("Tmultiples", TF_INT64));
   }
 }
 
 TEST(PadOpsTest, ConstantAndMirrorPadding) {
   // [[1, 2], [3, 4]] with one row before and two columns after.
-  OneOp zero("Pad");
-  zero.In<float>({2, 2}, {1, 2, 3, 4}).In<int32_t>({2, 2}, {1, 0, 0, 2}).Attr("T", TF_FLOAT);
-  ASSERT_EQ(zero.Run(), TF_OK) << zero.error();
-  EXPECT_EQ(zero.OutputDims(), (Dims{3, 4}));
-  EXPECT_EQ(zero.Output<float>(), (std::vector<float>{0, 0, 0, 0, 1, 2, 0, 0, 3, 4, 0, 0}));
-  OneOp nine("PadV2");
-  nine.In<int32_t>({2}, {1, 2}).In<int64_t>({1, 2}, {2, 1}).In<int32_t>({}, {9})
-      .Attr("T", TF_INT32).Attr("Tpaddings", TF_INT64);
-  ASSERT_EQ(nine.Run(), TF_OK) << nine.error();
-  EXPECT_EQ(nine.Output<int32_t>(), (std::vector<int32_t>{9, 9, 1, 2, 9}));
+  ExpectOutput<float>(OneOp("Pad").In<float>({2, 2}, {1, 2, 3, 4}).In<int32_t>({2, 2}, {1, 0, 0, 2})
+      .Attr("T", TF_FLOAT), {3, 4}, (std::vector<float>{0, 0, 0, 0, 1, 2, 0, 0, 3, 4, 0, 0}));
+  EXPECT_EQ(RunOk<int32_t>(OneOp("PadV2").In<int32_t>({2}, {1, 2}).In<int64_t>({1, 2}, {2, 1})
+      .In<int32_t>({}, {9}).Attr("T", TF_INT32)
+      .Attr("Tpaddings", TF_INT64)), (std::vector<int32_t>{9, 9, 1, 2, 9}));
 
   struct Mirror { const char* mode; Dims dims; std::vector<int32_t> x, paddings; Dims out; std::vector<int32_t> expected; };
   for (const Mirror& m : {
@@ -371,85 +314,55 @@ TEST(PadOpsTest, ConstantAndMirrorPadding) {
     EXPECT_EQ(op.Output<int32_t>(), m.expected);
   }
 
-  OneOp reflect_too_far("MirrorPad");
-  reflect_too_far.In<float>({3}, {1, 2, 3}).In<int32_t>({1, 2}, {3, 0}).Attr("T", TF_FLOAT)
-      .Attr("mode", "REFLECT");
-  ExpectRunError(reflect_too_far);
-  OneOp negative("Pad");
-  negative.In<float>({3}, {1, 2, 3}).In<int32_t>({1, 2}, {-1, 0}).Attr("T", TF_FLOAT);
-  ExpectRunError(negative);
-  OneOp wrong_rows("Pad");
-  wrong_rows.In<float>({3}, {1, 2, 3}).In<int32_t>({2, 2}, {0, 0, 0, 0}).Attr("T", TF_FLOAT);
-  ExpectRunError(wrong_rows);
+  ExpectRunError(OneOp("MirrorPad").In<float>({3}, {1, 2, 3}).In<int32_t>({1, 2}, {3, 0})
+      .Attr("T", TF_FLOAT).Attr("mode", "REFLECT"));
+  ExpectRunError(OneOp("Pad").In<float>({3}, {1, 2, 3}).In<int32_t>({1, 2}, {-1, 0})
+      .Attr("T", TF_FLOAT));
+  ExpectRunError(OneOp("Pad").In<float>({3}, {1, 2, 3}).In<int32_t>({2, 2}, {0, 0, 0, 0})
+      .Attr("T", TF_FLOAT));
 }
 
 TEST(GatherOpsTest, GatherV2AxesBatchDimsAndBadIndices) {
   // params [[1, 2], [3, 4], [5, 6]].
   const std::vector<float> p{1, 2, 3, 4, 5, 6};
-  OneOp rows("GatherV2");
-  rows.In<float>({3, 2}, p).In<int32_t>({2}, {2, 0}).In<int32_t>({}, {0})
-      .Attr("Tparams", TF_FLOAT).Attr("Tindices", TF_INT32).Attr("Taxis", TF_INT32);
-  ASSERT_EQ(rows.Run(), TF_OK) << rows.error();
-  EXPECT_EQ(rows.OutputDims(), (Dims{2, 2}));
-  EXPECT_EQ(rows.Output<float>(), (std::vector<float>{5, 6, 1, 2}));
+  ExpectOutput<float>(OneOp("GatherV2").In<float>({3, 2}, p).In<int32_t>({2}, {2, 0})
+      .In<int32_t>({}, {0}).Attr("Tparams", TF_FLOAT).Attr("Tindices", TF_INT32)
+      .Attr("Taxis", TF_INT32), {2, 2}, (std::vector<float>{5, 6, 1, 2}));
 
   // Indices of shape [2, 1] along the last axis: out[r, i, 0] = p[r, idx[i]].
-  OneOp cols("GatherV2");
-  cols.In<float>({3, 2}, p).In<int64_t>({2, 1}, {1, 0}).In<int64_t>({}, {-1})
-      .Attr("Tparams", TF_FLOAT).Attr("Tindices", TF_INT64).Attr("Taxis", TF_INT64);
-  ASSERT_EQ(cols.Run(), TF_OK) << cols.error();
-  EXPECT_EQ(cols.OutputDims(), (Dims{3, 2, 1}));
-  EXPECT_EQ(cols.Output<float>(), (std::vector<float>{2, 1, 4, 3, 6, 5}));
+  ExpectOutput<float>(OneOp("GatherV2").In<float>({3, 2}, p).In<int64_t>({2, 1}, {1, 0})
+      .In<int64_t>({}, {-1}).Attr("Tparams", TF_FLOAT).Attr("Tindices", TF_INT64)
+      .Attr("Taxis", TF_INT64), {3, 2, 1}, (std::vector<float>{2, 1, 4, 3, 6, 5}));
 
   // batch_dims 1: out[b, k] = params[b, idx[b, k]].
-  OneOp batched("GatherV2");
-  batched.In<int32_t>({2, 3}, {1, 2, 3, 4, 5, 6}).In<int32_t>({2, 2}, {2, 0, 1, 1})
-      .In<int32_t>({}, {1}).Attr("Tparams", TF_INT32).Attr("Tindices", TF_INT32)
-      .Attr("Taxis", TF_INT32).Attr("batch_dims", 1);
-  ASSERT_EQ(batched.Run(), TF_OK) << batched.error();
-  EXPECT_EQ(batched.OutputDims(), (Dims{2, 2}));
-  EXPECT_EQ(batched.Output<int32_t>(), (std::vector<int32_t>{3, 1, 5, 5}));
+  ExpectOutput<int32_t>(OneOp("GatherV2").In<int32_t>({2, 3}, {1, 2, 3, 4, 5, 6})
+      .In<int32_t>({2, 2}, {2, 0, 1, 1}).In<int32_t>({}, {1}).Attr("Tparams", TF_INT32)
+      .Attr("Tindices", TF_INT32).Attr("Taxis", TF_INT32)
+      .Attr("batch_dims", 1), {2, 2}, (std::vector<int32_t>{3, 1, 5, 5}));
 
-  OneOp old("Gather");
-  old.In<uint8_t>({4}, {10, 20, 30, 40}).In<int32_t>({2, 2}, {3, 3, 0, 1})
-      .Attr("Tparams", TF_UINT8).Attr("Tindices", TF_INT32);
-  ASSERT_EQ(old.Run(), TF_OK) << old.error();
-  EXPECT_EQ(old.OutputDims(), (Dims{2, 2}));
-  EXPECT_EQ(old.Output<uint8_t>(), (std::vector<uint8_t>{40, 40, 10, 20}));
+  ExpectOutput<uint8_t>(OneOp("Gather").In<uint8_t>({4}, {10, 20, 30, 40})
+      .In<int32_t>({2, 2}, {3, 3, 0, 1}).Attr("Tparams", TF_UINT8)
+      .Attr("Tindices", TF_INT32), {2, 2}, (std::vector<uint8_t>{40, 40, 10, 20}));
 
   struct Bad { std::vector<int32_t> indices; int32_t axis; int batch_dims; };
-  for (const Bad& bad : {Bad{{3}, 0, 0}, Bad{{-1}, 0, 0}, Bad{{0}, 2, 0}, Bad{{0}, 0, 2}}) {
-    OneOp op("GatherV2");
-    op.In<float>({3, 2}, p).In<int32_t>({1}, bad.indices).In<int32_t>({}, {bad.axis})
-        .Attr("Tparams", TF_FLOAT).Attr("Tindices", TF_INT32).Attr("Taxis", TF_INT32)
-        .Attr("batch_dims", bad.batch_dims);
-    ExpectRunError(op);
-  }
+  for (const Bad& bad : {Bad{{3}, 0, 0}, Bad{{-1}, 0, 0}, Bad{{0}, 2, 0}, Bad{{0}, 0, 2}})
+    ExpectRunError(OneOp("GatherV2").In<float>({3, 2}, p).In<int32_t>({1}, bad.indices)
+        .In<int32_t>({}, {bad.axis}).Attr("Tparams", TF_FLOAT).Attr("Tindices", TF_INT32)
+        .Attr("Taxis", TF_INT32).Attr("batch_dims", bad.batch_dims));
 }
 
 TEST(GatherOpsTest, GatherNdPointsAndSlices) {
   // params [[1, 2], [3, 4]].
-  OneOp points("GatherNd");
-  points.In<int32_t>({2, 2}, {1, 2, 3, 4}).In<int32_t>({2, 2}, {1, 0, 0, 1})
-      .Attr("Tparams", TF_INT32).Attr("Tindices", TF_INT32);
-  ASSERT_EQ(points.Run(), TF_OK) << points.error();
-  EXPECT_EQ(points.OutputDims(), (Dims{2}));
-  EXPECT_EQ(points.Output<int32_t>(), (std::vector<int32_t>{3, 2}));
-  OneOp slices("GatherNd");
-  slices.In<int32_t>({2, 2}, {1, 2, 3, 4}).In<int64_t>({1, 1}, {1})
-      .Attr("Tparams", TF_INT32).Attr("Tindices", TF_INT64);
-  ASSERT_EQ(slices.Run(), TF_OK) << slices.error();
-  EXPECT_EQ(slices.OutputDims(), (Dims{1, 2}));
-  EXPECT_EQ(slices.Output<int32_t>(), (std::vector<int32_t>{3, 4}));
+  ExpectOutput<int32_t>(OneOp("GatherNd").In<int32_t>({2, 2}, {1, 2, 3, 4})
+      .In<int32_t>({2, 2}, {1, 0, 0, 1}).Attr("Tparams", TF_INT32)
+      .Attr("Tindices", TF_INT32), {2}, (std::vector<int32_t>{3, 2}));
+  ExpectOutput<int32_t>(OneOp("GatherNd").In<int32_t>({2, 2}, {1, 2, 3, 4}).In<int64_t>({1, 1}, {1})
+      .Attr("Tparams", TF_INT32).Attr("Tindices", TF_INT64), {1, 2}, (std::vector<int32_t>{3, 4}));
 
-  OneOp outside("GatherNd");
-  outside.In<int32_t>({2, 2}, {1, 2, 3, 4}).In<int32_t>({1, 2}, {0, 2})
-      .Attr("Tparams", TF_INT32).Attr("Tindices", TF_INT32);
-  ExpectRunError(outside);
-  OneOp too_deep("GatherNd");
-  too_deep.In<int32_t>({2, 2}, {1, 2, 3, 4}).In<int32_t>({1, 3}, {0, 0, 0})
-      .Attr("Tparams", TF_INT32).Attr("Tindices", TF_INT32);
-  ExpectRunError(too_deep);
+  ExpectRunError(OneOp("GatherNd").In<int32_t>({2, 2}, {1, 2, 3, 4}).In<int32_t>({1, 2}, {0, 2})
+      .Attr("Tparams", TF_INT32).Attr("Tindices", TF_INT32));
+  ExpectRunError(OneOp("GatherNd").In<int32_t>({2, 2}, {1, 2, 3, 4}).In<int32_t>({1, 3}, {0, 0, 0})
+      .Attr("Tparams", TF_INT32).Attr("Tindices", TF_INT32));
 }
 
 TEST(WhereOpsTest, CoordinatesOfTrueElements) {
@@ -461,10 +374,8 @@ TEST(WhereOpsTest, CoordinatesOfTrueElements) {
   EXPECT_EQ(b.Output<int64_t>(), (std::vector<int64_t>{0, 0, 0, 2, 1, 2}));
   // Numbers: non-zero is true (NaN too, -0 is not), any rank.
   const float nan = std::numeric_limits<float>::quiet_NaN();
-  OneOp f("Where");
-  f.In<float>({2, 2, 2}, {0, -0.f, 1, 0, nan, 0, 0, -2}).Attr("T", TF_FLOAT);
-  ASSERT_EQ(f.Run(), TF_OK) << f.error();
-  EXPECT_EQ(f.Output<int64_t>(), (std::vector<int64_t>{0, 1, 0, 1, 0, 0, 1, 1, 1}));
+  EXPECT_EQ(RunOk<int64_t>(OneOp("Where").In<float>({2, 2, 2}, {0, -0.f, 1, 0, nan, 0, 0, -2})
+      .Attr("T", TF_FLOAT)), (std::vector<int64_t>{0, 1, 0, 1, 0, 0, 1, 1, 1}));
   std::mt19937 rng(17);
   std::vector<int32_t> x(3 * 4 * 5);
   for (auto& v : x) v = rng() % 3 == 0 ? 0 : static_cast<int32_t>(rng() % 9) - 4;
@@ -476,14 +387,8 @@ TEST(WhereOpsTest, CoordinatesOfTrueElements) {
     if (x[i] != 0) want.insert(want.end(), {i / 20, (i / 5) % 4, i % 5});
   }
   EXPECT_EQ(r.Output<int64_t>(), want);
-  OneOp scalar("Where");
-  scalar.In<int8_t>({}, {3}).Attr("T", TF_INT8);
-  ASSERT_EQ(scalar.Run(), TF_OK) << scalar.error();
-  EXPECT_EQ(scalar.OutputDims(), (Dims{1, 0}));
-  OneOp empty("Where");
-  empty.In<bool>({0, 4}, {}).Attr("T", TF_BOOL);
-  ASSERT_EQ(empty.Run(), TF_OK) << empty.error();
-  EXPECT_EQ(empty.OutputDims(), (Dims{0, 2}));
+  EXPECT_EQ(RunDims(OneOp("Where").In<int8_t>({}, {3}).Attr("T", TF_INT8)), (Dims{1, 0}));
+  EXPECT_EQ(RunDims(OneOp("Where").In<bool>({0, 4}, {}).Attr("T", TF_BOOL)), (Dims{0, 2}));
 }
 
 // ReverseV2 and BroadcastTo against direct index arithmetic on [2, 3, 4].
@@ -509,14 +414,10 @@ TEST(ReverseBroadcastOpsTest, ReverseAndBroadcastTo) {
       }
     }
   }
-  OneOp twice("ReverseV2");
-  twice.In<int16_t>({2, 3, 4}, x).In<int32_t>({2}, {1, -2}).Attr("T", TF_INT16)
-      .Attr("Tidx", TF_INT32);
-  ExpectRunError(twice);
-  OneOp out_of_range("ReverseV2");
-  out_of_range.In<int16_t>({2, 3, 4}, x).In<int32_t>({1}, {3}).Attr("T", TF_INT16)
-      .Attr("Tidx", TF_INT32);
-  ExpectRunError(out_of_range);
+  ExpectRunError(OneOp("ReverseV2").In<int16_t>({2, 3, 4}, x).In<int32_t>({2}, {1, -2})
+      .Attr("T", TF_INT16).Attr("Tidx", TF_INT32));
+  ExpectRunError(OneOp("ReverseV2").In<int16_t>({2, 3, 4}, x).In<int32_t>({1}, {3})
+      .Attr("T", TF_INT16).Attr("Tidx", TF_INT32));
 
   OneOp bt("BroadcastTo");
   bt.In<float>({3, 1}, {1, 2, 3}).In<int64_t>({3}, {2, 3, 4}).Attr("T", TF_FLOAT)
@@ -526,21 +427,15 @@ TEST(ReverseBroadcastOpsTest, ReverseAndBroadcastTo) {
   const auto b = bt.Output<float>();
   ASSERT_EQ(b.size(), 24u);
   for (int i = 0; i < 24; ++i) EXPECT_EQ(b[i], 1 + (i / 4) % 3) << i;
-  OneOp bt_bad("BroadcastTo");
-  bt_bad.In<float>({3}, {1, 2, 3}).In<int32_t>({2}, {2, 4}).Attr("T", TF_FLOAT)
-      .Attr("Tidx", TF_INT32);
-  ExpectRunError(bt_bad);
-  OneOp bt_neg("BroadcastTo");
-  bt_neg.In<float>({1}, {1}).In<int32_t>({1}, {-3}).Attr("T", TF_FLOAT).Attr("Tidx", TF_INT32);
-  ExpectRunError(bt_neg);
+  ExpectRunError(OneOp("BroadcastTo").In<float>({3}, {1, 2, 3}).In<int32_t>({2}, {2, 4})
+      .Attr("T", TF_FLOAT).Attr("Tidx", TF_INT32));
+  ExpectRunError(OneOp("BroadcastTo").In<float>({1}, {1}).In<int32_t>({1}, {-3}).Attr("T", TF_FLOAT)
+      .Attr("Tidx", TF_INT32));
 
-  OneOp args("BroadcastArgs");
-  args.In<int32_t>({3}, {5, 1, 3}).In<int32_t>({2}, {4, 1}).Attr("T", TF_INT32);
-  ASSERT_EQ(args.Run(), TF_OK) << args.error();
-  EXPECT_EQ(args.Output<int32_t>(), (std::vector<int32_t>{5, 4, 3}));
-  OneOp args_bad("BroadcastArgs");
-  args_bad.In<int64_t>({1}, {2}).In<int64_t>({1}, {3}).Attr("T", TF_INT64);
-  ExpectRunError(args_bad);
+  EXPECT_EQ(RunOk<int32_t>(OneOp("BroadcastArgs").In<int32_t>({3}, {5, 1, 3})
+      .In<int32_t>({2}, {4, 1}).Attr("T", TF_INT32)), (std::vector<int32_t>{5, 4, 3}));
+  ExpectRunError(OneOp("BroadcastArgs").In<int64_t>({1}, {2}).In<int64_t>({1}, {3})
+      .Attr("T", TF_INT64));
 }
 
 TEST(UniqueOpsTest, ValuesInFirstAppearanceOrderAndIndices) {
@@ -566,14 +461,9 @@ TEST(UniqueOpsTest, ValuesInFirstAppearanceOrderAndIndices) {
       EXPECT_EQ(Values<int64_t>(out[1].get()), want);
     }
   }
-  OneOp matrix("Unique");
-  matrix.In<int32_t>({2, 2}, {1, 2, 3, 4}).Attr("T", TF_INT32).Attr("out_idx", TF_INT32);
-  ExpectRunError(matrix);
+  ExpectRunError(OneOp("Unique").In<int32_t>({2, 2}, {1, 2, 3, 4}).Attr("T", TF_INT32)
+      .Attr("out_idx", TF_INT32));
 }
-
-}  // namespace
-
-namespace {
 
 // SpaceToBatchND by its definition, one output element at a time.
 std::vector<float> SpaceToBatchReference(const std::vector<float>& x, const Dims& in,
@@ -647,22 +537,18 @@ TEST(SpaceToBatchOpsTest, RandomShapesMatchDefinitionAndInvert) {
     EXPECT_EQ(b2s.Output<float>(), x);
   }
   // Any dtype moves: int8 through a 2x2 block.
-  OneOp bytes("SpaceToBatchND");
-  bytes.In<int8_t>({1, 2, 2, 1}, {1, 2, 3, 4}).In<int32_t>({2}, {2, 2})
-      .In<int32_t>({2, 2}, {0, 0, 0, 0}).Attr("T", TF_INT8);
-  ASSERT_EQ(bytes.Run(), TF_OK) << bytes.error();
-  EXPECT_EQ(bytes.OutputDims(), (Dims{4, 1, 1, 1}));
-  EXPECT_EQ(bytes.Output<int8_t>(), (std::vector<int8_t>{1, 2, 3, 4}));
+  ExpectOutput<int8_t>(OneOp("SpaceToBatchND").In<int8_t>({1, 2, 2, 1}, {1, 2, 3, 4})
+      .In<int32_t>({2}, {2, 2}).In<int32_t>({2, 2}, {0, 0, 0, 0})
+      .Attr("T", TF_INT8), {4, 1, 1, 1}, (std::vector<int8_t>{1, 2, 3, 4}));
 }
 
 TEST(SpaceToBatchOpsTest, RejectsBadBlocksPaddingsAndCrops) {
   auto s2b = [](const Dims& in, std::vector<int32_t> block, std::vector<int32_t> pads) {
     int64_t n = 1;
     for (int64_t d : in) n *= d;
-    OneOp op("SpaceToBatchND");
-    op.In<float>(in, std::vector<float>(n, 1)).In<int32_t>({(int64_t)block.size()}, block)
-        .In<int32_t>({(int64_t)pads.size() / 2, 2}, pads).Attr("T", TF_FLOAT);
-    ExpectRunError(op);
+    ExpectRunError(OneOp("SpaceToBatchND").In<float>(in, std::vector<float>(n, 1))
+        .In<int32_t>({(int64_t)block.size()}, block)
+        .In<int32_t>({(int64_t)pads.size() / 2, 2}, pads).Attr("T", TF_FLOAT));
   };
   s2b({1, 5, 4, 1}, {2, 2}, {0, 0, 0, 0});   // 5 rows do not divide by 2
   s2b({1, 4, 4, 1}, {0, 2}, {0, 0, 0, 0});   // zero block
@@ -675,10 +561,9 @@ TEST(SpaceToBatchOpsTest, RejectsBadBlocksPaddingsAndCrops) {
   auto b2s = [](const Dims& in, std::vector<int32_t> block, std::vector<int32_t> crops) {
     int64_t n = 1;
     for (int64_t d : in) n *= d;
-    OneOp op("BatchToSpaceND");
-    op.In<float>(in, std::vector<float>(n, 1)).In<int32_t>({(int64_t)block.size()}, block)
-        .In<int32_t>({(int64_t)crops.size() / 2, 2}, crops).Attr("T", TF_FLOAT);
-    ExpectRunError(op);
+    ExpectRunError(OneOp("BatchToSpaceND").In<float>(in, std::vector<float>(n, 1))
+        .In<int32_t>({(int64_t)block.size()}, block)
+        .In<int32_t>({(int64_t)crops.size() / 2, 2}, crops).Attr("T", TF_FLOAT));
   };
   b2s({3, 2, 2, 1}, {2, 1}, {0, 0, 0, 0});   // batch 3 does not divide by 2
   b2s({4, 2, 2, 1}, {2, 2}, {3, 2, 0, 0});   // crops larger than the block-scaled size

@@ -61,6 +61,10 @@ class Loop {
     g_->Node("LoopCond", frame_ + "/LoopCond").Input(pred);
     return frame_ + "/LoopCond";
   }
+  // Loops while `i` < `n` (int32).
+  void WhileLess(const std::string& i, const std::string& n) {
+    Cond(g_->Binary("Less", frame_ + "/Less", i, n, TF_INT32));
+  }
   // The variable inside the body (Identity of Switch's true side).
   std::string Body(const std::string& var) { return frame_ + "/" + var + "/Identity"; }
   // Switch, Identity, Exit and NextIteration(next) of a variable; returns
@@ -73,6 +77,13 @@ class Loop {
     g_->Node("Exit", p + "/Exit").Input(p + "/Switch").Attr("T", t);
     g_->Node("NextIteration", p + "/NextIteration").Input(next).Attr("T", t);
     return p + "/Exit";
+  }
+  // Closes int32 counter `var` with var + 1 as its next value.
+  std::string Step(const std::string& var) {
+    const std::string p = frame_ + "/" + var;
+    g_->Node("Const", p + "/one").Input("^" + Body(var)).Attr("dtype", TF_INT32)
+        .Attr("value", testing_support::MakeTensorProto<int32_t>({}, {1}));
+    return Close(var, g_->Binary("AddV2", p + "/next", Body(var), p + "/one", TF_INT32));
   }
 
  private:
@@ -205,15 +216,12 @@ std::string CounterAccumulatorGraph(int parallel_iterations) {
   loop.Var("acc", "zero_f", TF_FLOAT);
   const std::string n = loop.Invariant("n_enter", "n", TF_INT32);
   const std::string x = loop.Invariant("x_enter", "x", TF_FLOAT);
-  g.Binary("Less", "while/Less", i, n, TF_INT32);
-  loop.Cond("while/Less");
-  ConstAfter<int32_t>(g, "while/one", {}, {1}, loop.Body("i"));
-  g.Binary("AddV2", "while/i_next", loop.Body("i"), "while/one", TF_INT32);
+  loop.WhileLess(i, n);
   g.Node("Cast", "while/i_f").Input(loop.Body("i")).Attr("SrcT", TF_INT32).Attr("DstT", TF_FLOAT)
       .Attr("Truncate", false);
   g.Binary("Mul", "while/ix", "while/i_f", x);
   g.Binary("AddV2", "while/acc_next", loop.Body("acc"), "while/ix");
-  loop.Close("i", "while/i_next");
+  loop.Step("i");
   loop.Close("acc", "while/acc_next");
   return g.Serialize();
 }
@@ -246,8 +254,7 @@ TEST(ControlFlowTest, NestedWhileLoops) {
   outer.Var("total", "zero");
   const std::string bound = outer.Invariant("three_enter", "three", TF_INT32);
   const std::string m = outer.Invariant("m_enter", "m", TF_INT32);
-  g.Binary("Less", "outer/Less", i, bound, TF_INT32);
-  outer.Cond("outer/Less");
+  outer.WhileLess(i, bound);
   ConstAfter<int32_t>(g, "outer/ten", {}, {10}, outer.Body("i"));
   g.Binary("Mul", "outer/i10", outer.Body("i"), "outer/ten", TF_INT32);
   ConstAfter<int32_t>(g, "outer/zero", {}, {0}, outer.Body("i"));
@@ -256,17 +263,12 @@ TEST(ControlFlowTest, NestedWhileLoops) {
   inner.Var("sum", outer.Body("total"));
   const std::string mi = inner.Invariant("m_enter", m, TF_INT32);
   const std::string base = inner.Invariant("i10_enter", "outer/i10", TF_INT32);
-  g.Binary("Less", "outer/inner/Less", j, mi, TF_INT32);
-  inner.Cond("outer/inner/Less");
+  inner.WhileLess(j, mi);
   g.Binary("AddV2", "outer/inner/term", base, inner.Body("j"), TF_INT32);
   g.Binary("AddV2", "outer/inner/sum_next", inner.Body("sum"), "outer/inner/term", TF_INT32);
-  ConstAfter<int32_t>(g, "outer/inner/one", {}, {1}, inner.Body("j"));
-  g.Binary("AddV2", "outer/inner/j_next", inner.Body("j"), "outer/inner/one", TF_INT32);
-  inner.Close("j", "outer/inner/j_next");
+  inner.Step("j");
   const std::string sum = inner.Close("sum", "outer/inner/sum_next");
-  ConstAfter<int32_t>(g, "outer/one", {}, {1}, outer.Body("i"));
-  g.Binary("AddV2", "outer/i_next", outer.Body("i"), "outer/one", TF_INT32);
-  outer.Close("i", "outer/i_next");
+  outer.Step("i");
   outer.Close("total", sum);
   TestSession s(g.Serialize());
   ASSERT_EQ(s.code(), TF_OK) << s.message();
@@ -290,8 +292,7 @@ TEST(ControlFlowTest, WhileLoopWithCondInItsBody) {
   const std::string i = loop.Var("i", "zero");
   loop.Var("acc", "zero");
   const std::string n = loop.Invariant("n_enter", "n", TF_INT32);
-  g.Binary("Less", "while/Less", i, n, TF_INT32);
-  loop.Cond("while/Less");
+  loop.WhileLess(i, n);
   const std::string bi = loop.Body("i"), bacc = loop.Body("acc");
   ConstAfter<int32_t>(g, "while/two", {}, {2}, bi);
   ConstAfter<int32_t>(g, "while/zero", {}, {0}, bi);
@@ -306,9 +307,7 @@ TEST(ControlFlowTest, WhileLoopWithCondInItsBody) {
   g.Binary("Sub", "while/cond/sub", "while/cond/acc", "while/cond/one", TF_INT32);
   g.Node("Merge", "while/cond/Merge").Input("while/cond/sub").Input("while/cond/add")
       .Attr("T", TF_INT32).Attr("N", 2);
-  ConstAfter<int32_t>(g, "while/one", {}, {1}, bi);
-  g.Binary("AddV2", "while/i_next", bi, "while/one", TF_INT32);
-  loop.Close("i", "while/i_next");
+  loop.Step("i");
   loop.Close("acc", "while/cond/Merge");
   TestSession s(g.Serialize());
   ASSERT_EQ(s.code(), TF_OK) << s.message();
@@ -333,8 +332,7 @@ TEST(ControlFlowTest, TensorArrayWrittenEachIteration) {
   loop.Var("flow", "ta:1", TF_FLOAT);
   const std::string n = loop.Invariant("n_enter", "n", TF_INT32);
   const std::string handle = loop.Invariant("ta_enter", "ta", TF_RESOURCE);
-  g.Binary("Less", "while/Less", i, n, TF_INT32);
-  loop.Cond("while/Less");
+  loop.WhileLess(i, n);
   const std::string bi = loop.Body("i");
   g.Node("Cast", "while/i_f").Input(bi).Attr("SrcT", TF_INT32).Attr("DstT", TF_FLOAT).Attr("Truncate", false);
   g.Binary("Mul", "while/sq", "while/i_f", "while/i_f");
@@ -343,9 +341,7 @@ TEST(ControlFlowTest, TensorArrayWrittenEachIteration) {
       .Attr("axis", 0);
   g.Node("TensorArrayWriteV3", "while/write").Input(handle).Input(bi).Input("while/row")
       .Input(loop.Body("flow")).Attr("T", TF_FLOAT);
-  ConstAfter<int32_t>(g, "while/one", {}, {1}, bi);
-  g.Binary("AddV2", "while/i_next", bi, "while/one", TF_INT32);
-  loop.Close("i", "while/i_next");
+  loop.Step("i");
   const std::string flow = loop.Close("flow", "while/write");
   g.Node("TensorArraySizeV3", "size").Input("ta").Input(flow);
   g.Node("Range", "range").Input("zero").Input("size").Input("one").Attr("Tidx", TF_INT32);
@@ -390,8 +386,7 @@ TEST(ControlFlowTest, MapFn) {
   const std::string in_ta = loop.Invariant("in_ta", "map/TensorArray_1", TF_RESOURCE);
   const std::string in_flow = loop.Invariant("in_flow", "map/scatter", TF_FLOAT);
   const std::string out_ta = loop.Invariant("out_ta", "map/TensorArray", TF_RESOURCE);
-  g.Binary("Less", "map/while/Less", i, n, TF_INT32);
-  loop.Cond("map/while/Less");
+  loop.WhileLess(i, n);
   const std::string bi = loop.Body("i");
   g.Node("TensorArrayReadV3", "map/while/read").Input(in_ta).Input(bi).Input(in_flow)
       .Attr("dtype", TF_FLOAT);
@@ -400,9 +395,7 @@ TEST(ControlFlowTest, MapFn) {
   g.Binary("AddV2", "map/while/fn", "map/while/sq", "map/while/c1");
   g.Node("TensorArrayWriteV3", "map/while/write").Input(out_ta).Input(bi).Input("map/while/fn")
       .Input(loop.Body("acc")).Attr("T", TF_FLOAT);
-  ConstAfter<int32_t>(g, "map/while/one", {}, {1}, bi);
-  g.Binary("AddV2", "map/while/i_next", bi, "map/while/one", TF_INT32);
-  loop.Close("i", "map/while/i_next");
+  loop.Step("i");
   const std::string flow = loop.Close("acc", "map/while/write");
   g.Node("TensorArraySizeV3", "map/size").Input("map/TensorArray").Input(flow);
   g.Node("Range", "map/range_1").Input("map/zero").Input("map/size").Input("map/one").Attr("Tidx", TF_INT32);
@@ -510,16 +503,13 @@ TEST(ControlFlowTest, LoopStateIsChargedToTheRunBudget) {
   const std::string n = loop.Invariant("n_enter", "n", TF_INT32);
   const std::string handle = loop.Invariant("ta_enter", "ta", TF_RESOURCE);
   const std::string shape = loop.Invariant("shape_enter", "elems", TF_INT32);
-  g.Binary("Less", "grow/Less", i, n, TF_INT32);
-  loop.Cond("grow/Less");
+  loop.WhileLess(i, n);
   const std::string bi = loop.Body("i");
   ConstAfter<float>(g, "grow/v", {}, {1.0f}, bi);
   g.Node("Fill", "grow/fill").Input(shape).Input("grow/v").Attr("T", TF_FLOAT).Attr("index_type", TF_INT32);
   g.Node("TensorArrayWriteV3", "grow/write").Input(handle).Input(bi).Input("grow/fill")
       .Input(loop.Body("flow")).Attr("T", TF_FLOAT);
-  ConstAfter<int32_t>(g, "grow/one", {}, {1}, bi);
-  g.Binary("AddV2", "grow/i_next", bi, "grow/one", TF_INT32);
-  loop.Close("i", "grow/i_next");
+  loop.Step("i");
   loop.Close("flow", "grow/write");
   const std::string bytes = g.Serialize();
   minitf::Graph graph;
@@ -536,29 +526,26 @@ TEST(ControlFlowTest, LoopStateIsChargedToTheRunBudget) {
 TEST(ControlFlowTest, ImportRejectsMalformedFrames) {
   struct Case {
     const char* what;
-    std::function<void(GraphBuilder&)> build;
     const char* node;
+    std::function<void(GraphBuilder&)> build;
   };
+  using G = GraphBuilder&;
   const Case cases[] = {
-      {"Exit outside a frame",
-       [](GraphBuilder& g) { g.Node("Exit", "lonely_exit").Input("c").Attr("T", TF_FLOAT); },
-       "lonely_exit"},
-      {"NextIteration outside a frame",
-       [](GraphBuilder& g) { g.Node("NextIteration", "lonely_next").Input("c").Attr("T", TF_FLOAT); },
-       "lonely_next"},
-      {"Merge cycle without NextIteration",
-       [](GraphBuilder& g) {
+      {"Exit outside a frame", "lonely_exit",
+       [](G g) { g.Node("Exit", "lonely_exit").Input("c").Attr("T", TF_FLOAT); }},
+      {"NextIteration outside a frame", "lonely_next",
+       [](G g) { g.Node("NextIteration", "lonely_next").Input("c").Attr("T", TF_FLOAT); }},
+      {"Merge cycle without NextIteration", "cycle",
+       [](G g) {
          g.Node("Merge", "m").Input("c").Input("loop_add").Attr("T", TF_FLOAT).Attr("N", 2);
          g.Binary("AddV2", "loop_add", "m", "c");
-       },
-       "cycle"},
-      {"inputs from two frames",
-       [](GraphBuilder& g) {
+       }},
+      {"inputs from two frames", "mixed",
+       [](G g) {
          g.Node("Enter", "ea").Input("c").Attr("T", TF_FLOAT).Attr("frame_name", "a");
          g.Node("Enter", "eb").Input("c").Attr("T", TF_FLOAT).Attr("frame_name", "b");
          g.Binary("AddV2", "mixed", "ea", "eb");
-       },
-       "mixed"},
+       }},
   };
   for (const Case& c : cases) {
     GraphBuilder g;
@@ -579,9 +566,7 @@ TEST(ControlFlowTest, EndlessLoopStopsNamingTheLoop) {
   loop.Var("i", "zero");
   const std::string yes = loop.Invariant("yes_enter", "yes", TF_BOOL);
   loop.Cond(yes);
-  ConstAfter<int32_t>(g, "forever/one", {}, {1}, loop.Body("i"));
-  g.Binary("AddV2", "forever/i_next", loop.Body("i"), "forever/one", TF_INT32);
-  loop.Close("i", "forever/i_next");
+  loop.Step("i");
   TestSession s(g.Serialize());
   ASSERT_EQ(s.code(), TF_OK) << s.message();
   std::vector<TensorPtr> out;

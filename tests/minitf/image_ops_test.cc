@@ -17,14 +17,15 @@ using testing_support::Dims;
 using testing_support::ExpectNear;
 using testing_support::ExpectRunError;
 using testing_support::OneOp;
+using testing_support::RunOk;
 using F = std::vector<float>;
 using I = std::vector<int32_t>;
 
 // 2x2 image [[0, 4], [8, 12]].
 const F kCorners = {0, 4, 8, 12};
 
-OneOp& Resize(OneOp& op, const F& image, Dims dims, I size) {
-  return op.In<float>(dims, image).In<int32_t>({2}, size).Attr("T", TF_FLOAT);
+template <typename O> OneOp& Resize(O&& op, const F& image, Dims dims, I size) {
+  return static_cast<OneOp&>(op).In<float>(dims, image).In<int32_t>({2}, size).Attr("T", TF_FLOAT);
 }
 
 TEST(ResizeBilinearTest, IntegerImagesGiveFloatsPerChannel) {
@@ -42,29 +43,20 @@ TEST(ResizeBilinearTest, IntegerImagesGiveFloatsPerChannel) {
     expected.push_back(200);
   }
   ExpectNear(op.Output<float>(), expected);
-  OneOp ints("ResizeBilinear");
-  ints.In<int32_t>({2, 1, 1, 1}, {-3, 7}).In<int32_t>({2}, {1, 2}).Attr("T", TF_INT32);
-  ASSERT_EQ(ints.Run(), TF_OK) << ints.error();
-  ExpectNear(ints.Output<float>(), {-3, -3, 7, 7});
+  ExpectNear(RunOk<float>(OneOp("ResizeBilinear").In<int32_t>({2, 1, 1, 1}, {-3, 7})
+      .In<int32_t>({2}, {1, 2}).Attr("T", TF_INT32)), {-3, -3, 7, 7});
 }
 
 TEST(ResizeBilinearTest, RejectsBadInputs) {
-  OneOp both("ResizeBilinear");
-  ExpectRunError(Resize(both, kCorners, {1, 2, 2, 1}, {3, 3})
-                     .Attr("align_corners", true).Attr("half_pixel_centers", true));
-  OneOp rank("ResizeBilinear");
-  ExpectRunError(Resize(rank, kCorners, {2, 2, 1}, {3, 3}));
-  OneOp zero("ResizeBilinear");
-  ExpectRunError(Resize(zero, kCorners, {1, 2, 2, 1}, {0, 3}));
-  OneOp negative("ResizeBilinear");
-  ExpectRunError(Resize(negative, kCorners, {1, 2, 2, 1}, {3, -1}));
-  OneOp long_size("ResizeBilinear");
-  long_size.In<float>({1, 2, 2, 1}, kCorners).In<int32_t>({3}, {2, 2, 2}).Attr("T", TF_FLOAT);
-  ExpectRunError(long_size);
-  OneOp empty_image("ResizeBilinear");
-  ExpectRunError(Resize(empty_image, {}, {1, 0, 2, 1}, {2, 2}));
-  OneOp no_channels("ResizeBilinear");
-  ExpectRunError(Resize(no_channels, {}, {1, 2, 2, 0}, {2, 2}));
+  ExpectRunError(Resize(OneOp("ResizeBilinear"), kCorners, {1, 2, 2, 1}, {3, 3})
+      .Attr("align_corners", true).Attr("half_pixel_centers", true));
+  ExpectRunError(Resize(OneOp("ResizeBilinear"), kCorners, {2, 2, 1}, {3, 3}));
+  ExpectRunError(Resize(OneOp("ResizeBilinear"), kCorners, {1, 2, 2, 1}, {0, 3}));
+  ExpectRunError(Resize(OneOp("ResizeBilinear"), kCorners, {1, 2, 2, 1}, {3, -1}));
+  ExpectRunError(OneOp("ResizeBilinear").In<float>({1, 2, 2, 1}, kCorners)
+      .In<int32_t>({3}, {2, 2, 2}).Attr("T", TF_FLOAT));
+  ExpectRunError(Resize(OneOp("ResizeBilinear"), {}, {1, 0, 2, 1}, {2, 2}));
+  ExpectRunError(Resize(OneOp("ResizeBilinear"), {}, {1, 2, 2, 0}, {2, 2}));
 }
 
 TEST(ResizeNearestNeighborTest, KeepsTheDtypeAndRefusesAnEmptySize) {
@@ -82,9 +74,9 @@ TEST(ResizeNearestNeighborTest, KeepsTheDtypeAndRefusesAnEmptySize) {
 // exact, so expected crops are 3 * in_y + in_x.
 const F kRamp = {0, 1, 2, 3, 4, 5, 6, 7, 8};
 
-OneOp& Crop(OneOp& op, const F& boxes, const I& box_ind, I crop_size,
-            const F& image = kRamp, Dims image_dims = {1, 3, 3, 1}) {
-  return op.In<float>(image_dims, image)
+template <typename O> OneOp& Crop(O&& op, const F& boxes, const I& box_ind, I crop_size,
+                                  const F& image = kRamp, Dims image_dims = {1, 3, 3, 1}) {
+  return static_cast<OneOp&>(op).In<float>(image_dims, image)
       .In<float>({static_cast<int64_t>(boxes.size() / 4), 4}, boxes)
       .In<int32_t>({static_cast<int64_t>(box_ind.size())}, box_ind)
       .In<int32_t>({2}, crop_size).Attr("T", TF_FLOAT);
@@ -102,26 +94,18 @@ TEST(CropAndResizeTest, BilinearBoxes) {
   EXPECT_EQ(inner.OutputDims(), (Dims{2, 2, 2, 1}));
   ExpectNear(inner.Output<float>(), {2, 3, 5, 6, 0, 2, 6, 8});
   // A flipped box samples bottom-up.
-  OneOp flipped("CropAndResize");
-  ASSERT_EQ(Crop(flipped, {1, 0, 0, 1}, {0}, {2, 2}).Run(), TF_OK) << flipped.error();
-  ExpectNear(flipped.Output<float>(), {6, 8, 0, 2});
+  ExpectNear(RunOk<float>(Crop(OneOp("CropAndResize"), {1, 0, 0, 1}, {0}, {2, 2})), {6, 8, 0, 2});
   // A single sample takes the box centre: (0.5, 0.5) * 2 -> value 4; the
   // top-left quarter's centre (0.5, 0.5) in pixels -> 2.
-  OneOp centre("CropAndResize");
-  ASSERT_EQ(Crop(centre, {0, 0, 1, 1, 0, 0, 0.5f, 0.5f}, {0, 0}, {1, 1}).Run(), TF_OK)
-      << centre.error();
-  ExpectNear(centre.Output<float>(), {4, 2});
+  ExpectNear(RunOk<float>(Crop(OneOp("CropAndResize"), {0, 0, 1, 1, 0, 0, 0.5f, 0.5f}, {0, 0},
+                               {1, 1})), {4, 2});
   // Rows above the image take the extrapolation value.
-  OneOp outside("CropAndResize");
-  ASSERT_EQ(Crop(outside, {-0.5f, 0, 0.5f, 1}, {0}, {3, 3})
-                .Attr("extrapolation_value", -1.0f).Run(), TF_OK) << outside.error();
-  ExpectNear(outside.Output<float>(), {-1, -1, -1, 0, 1, 2, 3, 4, 5});
+  ExpectNear(RunOk<float>(Crop(OneOp("CropAndResize"), {-0.5f, 0, 0.5f, 1}, {0}, {3, 3})
+      .Attr("extrapolation_value", -1.0f)), {-1, -1, -1, 0, 1, 2, 3, 4, 5});
   // NaN coordinates count as outside.
   const float nan = std::numeric_limits<float>::quiet_NaN();
-  OneOp not_a_box("CropAndResize");
-  ASSERT_EQ(Crop(not_a_box, {nan, 0, 1, 1}, {0}, {2, 2}).Attr("extrapolation_value", 9.0f)
-                .Run(), TF_OK) << not_a_box.error();
-  ExpectNear(not_a_box.Output<float>(), {9, 9, 9, 9});
+  ExpectNear(RunOk<float>(Crop(OneOp("CropAndResize"), {nan, 0, 1, 1}, {0}, {2, 2})
+      .Attr("extrapolation_value", 9.0f)), {9, 9, 9, 9});
 }
 
 TEST(CropAndResizeTest, NearestBatchesAndDtypes) {
@@ -133,10 +117,8 @@ TEST(CropAndResizeTest, NearestBatchesAndDtypes) {
   // The box index picks the image: the second one is the ramp plus 100.
   F two = kRamp;
   for (float v : kRamp) two.push_back(v + 100);
-  OneOp batch("CropAndResize");
-  ASSERT_EQ(Crop(batch, {0, 0, 1, 1, 0, 0, 1, 1}, {1, 0}, {1, 1}, two, {2, 3, 3, 1}).Run(),
-            TF_OK) << batch.error();
-  ExpectNear(batch.Output<float>(), {104, 4});
+  ExpectNear(RunOk<float>(Crop(OneOp("CropAndResize"), {0, 0, 1, 1, 0, 0, 1, 1}, {1, 0}, {1, 1},
+                               two, {2, 3, 3, 1})), {104, 4});
   OneOp bytes("CropAndResize");
   bytes.In<uint8_t>({1, 1, 2, 1}, {10, 250}).In<float>({1, 4}, {0, 0, 1, 1})
       .In<int32_t>({1}, {0}).In<int32_t>({2}, {1, 3}).Attr("T", TF_UINT8);
@@ -150,20 +132,14 @@ TEST(CropAndResizeTest, NearestBatchesAndDtypes) {
 }
 
 TEST(CropAndResizeTest, RejectsBadInputs) {
-  OneOp index("CropAndResize");
-  ExpectRunError(Crop(index, {0, 0, 1, 1}, {1}, {2, 2}));
-  OneOp negative_index("CropAndResize");
-  ExpectRunError(Crop(negative_index, {0, 0, 1, 1}, {-1}, {2, 2}));
-  OneOp count("CropAndResize");
-  ExpectRunError(Crop(count, {0, 0, 1, 1}, {0, 0}, {2, 2}));
-  OneOp crop("CropAndResize");
-  ExpectRunError(Crop(crop, {0, 0, 1, 1}, {0}, {0, 2}));
-  OneOp columns("CropAndResize");
-  columns.In<float>({1, 3, 3, 1}, kRamp).In<float>({2, 3}, {0, 0, 1, 1, 0, 0})
-      .In<int32_t>({2}, {0, 0}).In<int32_t>({2}, {2, 2}).Attr("T", TF_FLOAT);
-  ExpectRunError(columns);
-  OneOp empty_image("CropAndResize");
-  ExpectRunError(Crop(empty_image, {0, 0, 1, 1}, {0}, {2, 2}, {}, {1, 0, 3, 1}));
+  ExpectRunError(Crop(OneOp("CropAndResize"), {0, 0, 1, 1}, {1}, {2, 2}));
+  ExpectRunError(Crop(OneOp("CropAndResize"), {0, 0, 1, 1}, {-1}, {2, 2}));
+  ExpectRunError(Crop(OneOp("CropAndResize"), {0, 0, 1, 1}, {0, 0}, {2, 2}));
+  ExpectRunError(Crop(OneOp("CropAndResize"), {0, 0, 1, 1}, {0}, {0, 2}));
+  ExpectRunError(OneOp("CropAndResize").In<float>({1, 3, 3, 1}, kRamp)
+      .In<float>({2, 3}, {0, 0, 1, 1, 0, 0}).In<int32_t>({2}, {0, 0}).In<int32_t>({2}, {2, 2})
+      .Attr("T", TF_FLOAT));
+  ExpectRunError(Crop(OneOp("CropAndResize"), {0, 0, 1, 1}, {0}, {2, 2}, {}, {1, 0, 3, 1}));
 }
 
 // The cubic convolution kernel, exactly (TensorFlow tabulates it in 1024
@@ -227,18 +203,15 @@ TEST(ResizeBicubicTest, MatchesTheCubicKernelInEveryMode) {
       const auto got = op.Output<float>();
       const auto want = BicubicReference(img, 5, 7, oh, ow, mode.align, mode.half);
       ASSERT_EQ(got.size(), want.size());
-      for (size_t i = 0; i < got.size(); ++i) {
+      for (size_t i = 0; i < got.size(); ++i)
         EXPECT_NEAR(got[i], want[i], 2e-3) << mode.align << mode.half << " " << oh << "x" << ow
                                            << " at " << i;
-      }
     }
   }
   // The same size in legacy mode copies; with align_corners the corners stay.
-  OneOp same("ResizeBicubic");
-  same.In<float>({1, 5, 7, 1}, img).In<int32_t>({2}, {5, 7}).Attr("T", TF_FLOAT)
-      .Attr("align_corners", false).Attr("half_pixel_centers", false);
-  ASSERT_EQ(same.Run(), TF_OK) << same.error();
-  EXPECT_EQ(same.Output<float>(), img);
+  EXPECT_EQ(RunOk<float>(OneOp("ResizeBicubic").In<float>({1, 5, 7, 1}, img)
+      .In<int32_t>({2}, {5, 7}).Attr("T", TF_FLOAT).Attr("align_corners", false)
+      .Attr("half_pixel_centers", false)), img);
   // Several channels and an integer image: channels do not mix.
   OneOp rgb("ResizeBicubic");
   rgb.In<uint8_t>({1, 2, 2, 3}, {10, 20, 30, 10, 20, 30, 10, 20, 30, 10, 20, 30})
@@ -252,10 +225,8 @@ TEST(ResizeBicubicTest, MatchesTheCubicKernelInEveryMode) {
   both.In<float>({1, 1, 1, 1}, {1}).In<int32_t>({2}, {2, 2}).Attr("T", TF_FLOAT)
       .Attr("align_corners", true).Attr("half_pixel_centers", true);
   EXPECT_NE(both.Run(), TF_OK);
-  OneOp bad_size("ResizeBicubic");
-  bad_size.In<float>({1, 1, 1, 1}, {1}).In<int32_t>({2}, {0, 2}).Attr("T", TF_FLOAT)
-      .Attr("align_corners", false).Attr("half_pixel_centers", false);
-  ExpectRunError(bad_size);
+  ExpectRunError(OneOp("ResizeBicubic").In<float>({1, 1, 1, 1}, {1}).In<int32_t>({2}, {0, 2})
+      .Attr("T", TF_FLOAT).Attr("align_corners", false).Attr("half_pixel_centers", false));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Graph import: what a GraphDef must satisfy, and the errors when it does not.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <random>
 
 #include "support/graph_builder.h"
@@ -11,11 +12,7 @@ namespace {
 using testing_support::GraphBuilder;
 using testing_support::ShapeAttr;
 
-struct ImportResult {
-  TF_Code code;
-  std::string message;
-  int num_ops;
-};
+struct ImportResult { TF_Code code; std::string message; int num_ops; };
 
 ImportResult Import(const std::string& bytes, const char* prefix = nullptr,
                     const char* device = nullptr, TF_Graph* into = nullptr) {
@@ -109,94 +106,43 @@ TEST(ImportTest, DefaultAttributesAreFilledAndSerialised) {
   TF_DeleteGraph(graph);
 }
 
+// An Identity "y" of float, inputs still to add.
+testing_support::NodeRef Y(GraphBuilder& g) { return g.Node("Identity", "y").Attr("T", TF_FLOAT); }
+
 TEST(ImportTest, MalformedGraphsAreRejectedNamingTheNode) {
   struct Case {
     const char* what;
-    GraphBuilder graph;
-    TF_Code code;
     const char* needle;
+    std::function<void(GraphBuilder&)> build;
+    TF_Code code = TF_INVALID_ARGUMENT;
   };
-  std::vector<Case> cases;
-  {
-    GraphBuilder g;
-    g.Node("NoSuchOp", "weird");
-    cases.push_back({"unknown op", g, TF_NOT_FOUND, "NoSuchOp"});
-  }
-  {
-    GraphBuilder g;
-    g.Placeholder("x", TF_FLOAT);
-    g.Node("Identity", "y").Input("nowhere").Attr("T", TF_FLOAT);
-    cases.push_back({"dangling input", g, TF_INVALID_ARGUMENT, "nowhere"});
-  }
-  {
-    GraphBuilder g;
-    g.Placeholder("x", TF_FLOAT);
-    g.Node("Identity", "y").Input("x:1").Attr("T", TF_FLOAT);
-    cases.push_back({"output index out of range", g, TF_INVALID_ARGUMENT, "'y'"});
-  }
-  {
-    GraphBuilder g;
-    g.Placeholder("x", TF_FLOAT);
-    g.Placeholder("x", TF_FLOAT);
-    cases.push_back({"duplicate names", g, TF_INVALID_ARGUMENT, "'x'"});
-  }
-  {
-    GraphBuilder g;
-    g.Node("Identity", "a").Input("b").Attr("T", TF_FLOAT);
-    g.Node("Identity", "b").Input("a").Attr("T", TF_FLOAT);
-    cases.push_back({"cycle", g, TF_INVALID_ARGUMENT, "cycle"});
-  }
-  {
+  // Every graph starts with a valid float placeholder "x".
+  using G = GraphBuilder&;
+  const Case cases[] = {
+      {"unknown op", "NoSuchOp", [](G g) { g.Node("NoSuchOp", "weird"); }, TF_NOT_FOUND},
+      {"dangling input", "nowhere", [](G g) { Y(g).Input("nowhere"); }},
+      {"output index out of range", "'y'", [](G g) { Y(g).Input("x:1"); }},
+      {"duplicate names", "'x'", [](G g) { g.Placeholder("x", TF_FLOAT); }},
+      {"cycle", "cycle",
+       [](G g) { Y(g).Input("b"); g.Node("Identity", "b").Input("y").Attr("T", TF_FLOAT); }},
+      {"control self-loop", "cycle", [](G g) { Y(g).Input("x").Input("^y"); }},
+      {"attribute of the wrong kind", "dtype",
+       [](G g) { g.Node("Placeholder", "p").Attr("dtype", 3.5f); }},
+      {"missing attribute", "'y'", [](G g) { g.Node("Identity", "y"); }},
+      {"input dtype mismatch", "int32", [](G g) { g.Placeholder("i", TF_INT32); Y(g).Input("i"); }},
+      {"too many inputs", "'y'", [](G g) { Y(g).Input("x").Input("x"); }},
+      {"data input after control input", "'y'", [](G g) { Y(g).Input("^x").Input("x"); }},
+      {"invalid node name", "bad name!", [](G g) { g.Placeholder("bad name!", TF_FLOAT); }},
+      {"reference dtype", "dtype",
+       [](G g) { g.Node("Placeholder", "p").Attr("dtype", static_cast<TF_DataType>(101)); }},
+      {"list below its minimum length", "minimum",
+       [](G g) { g.Node("IdentityN", "n").Attr("T", std::vector<TF_DataType>{}); }},
+  };
+  for (const Case& c : cases) {
     GraphBuilder g;
     g.Placeholder("x", TF_FLOAT);
-    g.Node("Identity", "self").Input("x").Input("^self").Attr("T", TF_FLOAT);
-    cases.push_back({"control self-loop", g, TF_INVALID_ARGUMENT, "cycle"});
-  }
-  {
-    GraphBuilder g;
-    g.Node("Placeholder", "x").Attr("dtype", 3.5f);
-    cases.push_back({"attribute of the wrong kind", g, TF_INVALID_ARGUMENT, "dtype"});
-  }
-  {
-    GraphBuilder g;
-    g.Node("Identity", "y");
-    cases.push_back({"missing attribute", g, TF_INVALID_ARGUMENT, "'y'"});
-  }
-  {
-    GraphBuilder g;
-    g.Placeholder("x", TF_INT32);
-    g.Node("Identity", "y").Input("x").Attr("T", TF_FLOAT);
-    cases.push_back({"input dtype mismatch", g, TF_INVALID_ARGUMENT, "int32"});
-  }
-  {
-    GraphBuilder g;
-    g.Placeholder("x", TF_FLOAT);
-    g.Node("Identity", "y").Input("x").Input("x").Attr("T", TF_FLOAT);
-    cases.push_back({"too many inputs", g, TF_INVALID_ARGUMENT, "'y'"});
-  }
-  {
-    GraphBuilder g;
-    g.Placeholder("x", TF_FLOAT);
-    g.Node("Identity", "y").Input("^x").Input("x").Attr("T", TF_FLOAT);
-    cases.push_back({"data input after control input", g, TF_INVALID_ARGUMENT, "'y'"});
-  }
-  {
-    GraphBuilder g;
-    g.Placeholder("bad name!", TF_FLOAT);
-    cases.push_back({"invalid node name", g, TF_INVALID_ARGUMENT, "bad name!"});
-  }
-  {
-    GraphBuilder g;
-    g.Node("Placeholder", "x").Attr("dtype", static_cast<TF_DataType>(101));
-    cases.push_back({"reference dtype", g, TF_INVALID_ARGUMENT, "dtype"});
-  }
-  {
-    GraphBuilder g;
-    g.Node("IdentityN", "n").Attr("T", std::vector<TF_DataType>{});
-    cases.push_back({"list below its minimum length", g, TF_INVALID_ARGUMENT, "minimum"});
-  }
-  for (Case& c : cases) {
-    ImportResult r = Import(c.graph.Serialize());
+    c.build(g);
+    ImportResult r = Import(g.Serialize());
     EXPECT_EQ(r.code, c.code) << c.what << ": " << r.message;
     EXPECT_NE(r.message.find(c.needle), std::string::npos) << c.what << ": " << r.message;
     EXPECT_EQ(r.num_ops, 0) << c.what << ": a failed import must leave the graph unchanged";
@@ -242,10 +188,6 @@ TEST(ImportTest, NullArgumentsAreErrors) {
   TF_DeleteGraph(graph);
   TF_DeleteStatus(status);
 }
-
-}  // namespace
-
-namespace {
 
 using testing_support::TensorPtr;
 using testing_support::TestSession;
@@ -319,8 +261,7 @@ TEST(StringTensorTest, ConstantsFeedsAndFetchesUseTheTStringLayout) {
   GraphBuilder bad;
   bad.Node("Const", "w").Attr("dtype", TF_STRING).Attr("value", StringProto({2, 2}, {"a", "b", "c", "d"}));
   bad.Const<int32_t>("perm", {2}, {1, 0});
-  bad.Node("Transpose", "t").Input("w").Input("perm").Attr("T", TF_STRING)
-      .Attr("Tperm", TF_INT32);
+  bad.Node("Transpose", "t").Input("w").Input("perm").Attr("T", TF_STRING).Attr("Tperm", TF_INT32);
   TestSession refused(bad.Serialize());
   if (refused.code() == TF_OK) {
     std::vector<TensorPtr> none;

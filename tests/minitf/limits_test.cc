@@ -67,47 +67,37 @@ TEST(HugeOutputTest, ValueComputedShapesAreRefused) {
   const Case cases[] = {
       {"Fill of a terabyte", "Fill", TF_RESOURCE_EXHAUSTED, [](OneOp& op) {
          op.In<int32_t>({2}, {1 << 20, 1 << 20}).In<float>({}, {1.0f}).Attr("T", TF_FLOAT)
-             .Attr("index_type", TF_INT32);
-       }},
+             .Attr("index_type", TF_INT32); }},
       {"Fill with overflowing dims", "Fill", TF_INVALID_ARGUMENT, [&](OneOp& op) {
          op.In<int64_t>({3}, {k32, k32, 4}).In<float>({}, {1.0f}).Attr("T", TF_FLOAT)
-             .Attr("index_type", TF_INT64);
-       }},
+             .Attr("index_type", TF_INT64); }},
       {"Tile with huge multiples", "Tile", TF_INVALID_ARGUMENT, [&](OneOp& op) {
          op.In<float>({2, 2}, {1, 2, 3, 4}).In<int64_t>({2}, {k40, k40}).Attr("T", TF_FLOAT)
-             .Attr("Tmultiples", TF_INT64);
-       }},
+             .Attr("Tmultiples", TF_INT64); }},
       // 2 * 2^29 floats = 4 GiB: a valid shape but over the per-tensor limit.
       {"Tile just over the byte limit", "Tile", TF_RESOURCE_EXHAUSTED, [](OneOp& op) {
          op.In<float>({2}, {1, 2}).In<int32_t>({1}, {1 << 29}).Attr("T", TF_FLOAT)
-             .Attr("Tmultiples", TF_INT32);
-       }},
+             .Attr("Tmultiples", TF_INT32); }},
       {"Range to 2^62", "Range", kEither, [](OneOp& op) {
          op.In<int64_t>({}, {0}).In<int64_t>({}, {int64_t{1} << 62}).In<int64_t>({}, {1})
-             .Attr("Tidx", TF_INT64);
-       }},
+             .Attr("Tidx", TF_INT64); }},
       {"Range over the whole int64 line", "Range", kEither, [](OneOp& op) {
          op.In<int64_t>({}, {INT64_MIN}).In<int64_t>({}, {INT64_MAX}).In<int64_t>({}, {1})
-             .Attr("Tidx", TF_INT64);
-       }},
+             .Attr("Tidx", TF_INT64); }},
       {"Pad with huge paddings", "Pad", TF_INVALID_ARGUMENT, [](OneOp& op) {
          op.In<float>({1}, {1}).In<int64_t>({1, 2}, {INT64_MAX - 1, INT64_MAX - 1})
-             .Attr("T", TF_FLOAT).Attr("Tpaddings", TF_INT64);
-       }},
+             .Attr("T", TF_FLOAT).Attr("Tpaddings", TF_INT64); }},
       {"Reshape to overflowing dims", "Reshape", TF_INVALID_ARGUMENT, [&](OneOp& op) {
          op.In<float>({4}, {1, 2, 3, 4}).In<int64_t>({3}, {k32, k32, 0}).Attr("T", TF_FLOAT)
-             .Attr("Tshape", TF_INT64);
-       }},
+             .Attr("Tshape", TF_INT64); }},
       {"Reshape inferring from an empty tensor", "Reshape", TF_INVALID_ARGUMENT, [&](OneOp& op) {
          op.In<float>({0}, {}).In<int64_t>({4}, {0, -1, k40, k40}).Attr("T", TF_FLOAT)
-             .Attr("Tshape", TF_INT64);
-       }},
+             .Attr("Tshape", TF_INT64); }},
       // Both inputs are empty, yet the product would have 2^80 elements.
       {"MatMul of empty matrices with huge outer dims", "MatMul", TF_RESOURCE_EXHAUSTED,
        [&](OneOp& op) {
          op.In<float>({k40, 0}, {}).In<float>({0, k40}, {}).Attr("T", TF_FLOAT)
-             .Attr("transpose_a", false).Attr("transpose_b", false);
-       }},
+             .Attr("transpose_a", false).Attr("transpose_b", false); }},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -199,9 +189,8 @@ TEST(TileAtTheCapTest, PeakMemoryIsTheOutput) {
   ASSERT_EQ(out.size(), 1u);
   ASSERT_EQ(out[0].num_elements(), kBudget);
   const uint8_t* t = out[0].data<uint8_t>();
-  for (int64_t i : {int64_t{0}, int64_t{5}, kBudget / 2 + 3, kBudget - 1}) {
+  for (int64_t i : {int64_t{0}, int64_t{5}, kBudget / 2 + 3, kBudget - 1})
     EXPECT_EQ(t[i], 10 + i % 4) << "at " << i;
-  }
   // The output, plus slack for the allocator and the test's own pages.
   EXPECT_LT(peak - before, kBudget + 32 * kMega) << "peak grew by " << (peak - before);
 }

@@ -16,9 +16,11 @@
 namespace {
 
 using testing_support::Dims;
+using testing_support::ExpectOutput;
 using testing_support::ExpectRunError;
 using testing_support::GraphBuilder;
 using testing_support::OneOp;
+using testing_support::RunOk;
 using testing_support::TensorPtr;
 using testing_support::TestSession;
 using testing_support::Values;
@@ -54,8 +56,7 @@ TEST(ModelOpsTest, BadInputsAreErrorsNamingTheNode) {
   const Case cases[] = {
       {"AddN does not broadcast", "AddN",
        [](OneOp& op) {
-         op.In<float>({2, 2}, F(4, 1)).In<float>({2}, F(2, 1)).Attr("N", 2).Attr("T", TF_FLOAT);
-       }},
+         op.In<float>({2, 2}, F(4, 1)).In<float>({2}, F(2, 1)).Attr("N", 2).Attr("T", TF_FLOAT); }},
       {"a 4x4 input gives a 2x2 gradient, not 3x3", "Conv2DBackpropInput",
        [](OneOp& op) { Transposed(op, {1, 4, 4, 1}, {2, 2, 1, 1}, {1, 3, 3, 1}, {1, 2, 2, 1}); }},
       {"filter depth 2 against input depth 1", "Conv2DBackpropInput",
@@ -78,8 +79,7 @@ TEST(ModelOpsTest, BadInputsAreErrorsNamingTheNode) {
        [](OneOp& op) { op.In<float>({}, F(1, 1)).In<int32_t>({}, {1}).Attr("T", TF_FLOAT); }},
       {"a coordinate past the end, even unvalidated", "SparseToDense",
        [](OneOp& op) {
-         Sparse(op, {1, 2}, {0, 4}, {3, 4}, {1}, {1}).Attr("validate_indices", false);
-       }},
+         Sparse(op, {1, 2}, {0, 4}, {3, 4}, {1}, {1}).Attr("validate_indices", false); }},
       {"a negative coordinate, even unvalidated", "SparseToDense",
        [](OneOp& op) { Sparse(op, {1}, {-1}, {3}, {}, {1}).Attr("validate_indices", false); }},
       {"two coordinates against a 1-D shape", "SparseToDense",
@@ -103,28 +103,20 @@ TEST(ModelOpsTest, BadInputsAreErrorsNamingTheNode) {
 
 TEST(ModelOpsTest, CornersTheReferenceVectorsMiss) {
   // AddN wraps integers.
-  OneOp ints("AddN");
-  ints.In<int32_t>({2}, {std::numeric_limits<int32_t>::max(), 1}).In<int32_t>({2}, {1, 1})
-      .Attr("N", 2).Attr("T", TF_INT32);
-  ASSERT_EQ(ints.Run(), TF_OK) << ints.error();
-  EXPECT_EQ(ints.Output<int32_t>(), (I{std::numeric_limits<int32_t>::min(), 2}));
+  EXPECT_EQ(RunOk<int32_t>(OneOp("AddN").In<int32_t>({2}, {std::numeric_limits<int32_t>::max(), 1})
+      .In<int32_t>({2}, {1, 1}).Attr("N", 2)
+      .Attr("T", TF_INT32)), (I{std::numeric_limits<int32_t>::min(), 2}));
 
   // SpaceToDepth undoes DepthToSpace, whatever the element size.
   const std::vector<uint8_t> depth = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
   const std::vector<uint8_t> space = {0, 1, 2, 3, 8, 9, 10, 11, 4, 5, 6, 7, 12, 13, 14, 15};
-  OneOp s2d("SpaceToDepth");
-  s2d.In<uint8_t>({1, 2, 4, 2}, space).Attr("T", TF_UINT8).Attr("block_size", 2);
-  ASSERT_EQ(s2d.Run(), TF_OK) << s2d.error();
-  EXPECT_EQ(s2d.OutputDims(), (Dims{1, 1, 2, 8}));
-  EXPECT_EQ(s2d.Output<uint8_t>(), depth);
+  ExpectOutput<uint8_t>(OneOp("SpaceToDepth").In<uint8_t>({1, 2, 4, 2}, space).Attr("T", TF_UINT8)
+      .Attr("block_size", 2), {1, 1, 2, 8}, depth);
 
   // A transposed convolution leaves zero where the forward one never read.
-  OneOp edge("Conv2DBackpropInput");
-  edge.In<int32_t>({4}, {1, 3, 3, 1}).In<float>({2, 2, 1, 1}, {1, 2, 3, 4})
-      .In<float>({1, 1, 1, 1}, {5}).Attr("T", TF_FLOAT).Attr("strides", L{1, 2, 2, 1})
-      .Attr("padding", "VALID");
-  ASSERT_EQ(edge.Run(), TF_OK) << edge.error();
-  EXPECT_EQ(edge.Output<float>(), (F{5, 10, 0, 15, 20, 0, 0, 0, 0}));
+  EXPECT_EQ(RunOk<float>(OneOp("Conv2DBackpropInput").In<int32_t>({4}, {1, 3, 3, 1})
+      .In<float>({2, 2, 1, 1}, {1, 2, 3, 4}).In<float>({1, 1, 1, 1}, {5}).Attr("T", TF_FLOAT)
+      .Attr("strides", L{1, 2, 2, 1}).Attr("padding", "VALID")), (F{5, 10, 0, 15, 20, 0, 0, 0, 0}));
 
   // Without validation, unordered and repeated indices scatter; the later
   // write wins.

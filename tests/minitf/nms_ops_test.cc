@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <cmath>
 #include <limits>
 #include <random>
@@ -129,13 +130,17 @@ const std::vector<float> kBoxes{0, 0,  1, 1,  0, 0.1f,  1, 1.1f,  0, -0.1f, 1, 0
                                 0, 10, 1, 11, 0, 10.1f, 1, 11.1f, 0, 100,   1, 101};
 const std::vector<float> kScores{0.9f, 0.75f, 0.6f, 0.95f, 0.5f, 0.3f};
 
+NmsCall Clusters(int version = 3) {
+  NmsCall c;
+  c.version = version;
+  c.boxes = kBoxes;
+  c.scores = kScores;
+  return c;
+}
+
 TEST(NmsOpsTest, ThreeClustersEveryVersion) {
   for (int version : {2, 3, 4, 5}) {
-    NmsCall c;
-    c.version = version;
-    c.boxes = kBoxes;
-    c.scores = kScores;
-    const NmsOut out = RunNms(c);
+    const NmsOut out = RunNms(Clusters(version));
     ASSERT_EQ(out.code, TF_OK) << version << ": " << out.error;
     EXPECT_EQ(out.indices, (std::vector<int32_t>{3, 0, 5})) << "V" << version;
     if (version >= 4) EXPECT_EQ(out.valid, 3);
@@ -172,10 +177,7 @@ TEST(NmsOpsTest, CornersInAnyOrderThresholdsAndPadding) {
   c.iou = std::nextafter(exact, 0.0f);
   EXPECT_NE(RunNms(c).indices[2], 1);
   // V4 pads with zeros and reports the valid count; max 0 selects nothing.
-  NmsCall p;
-  p.version = 4;
-  p.boxes = kBoxes;
-  p.scores = kScores;
+  NmsCall p = Clusters(4);
   p.max_output = 5;
   p.pad = true;
   out = RunNms(p);
@@ -226,42 +228,28 @@ TEST(NmsOpsTest, MatchesGreedyReferenceOnRandomBoxes) {
     EXPECT_EQ(got.indices, want.indices) << "trial " << trial;
     if (c.version == 5) {
       ASSERT_EQ(got.scores.size(), want.scores.size());
-      for (size_t i = 0; i < want.scores.size(); ++i) {
+      for (size_t i = 0; i < want.scores.size(); ++i)
         EXPECT_NEAR(got.scores[i], want.scores[i], 1e-5f) << "trial " << trial << " at " << i;
-      }
     }
   }
 }
 
 TEST(NmsOpsTest, BadInputsAreErrorsNamingTheNode) {
-  auto expect_error = [](NmsCall c, const char* what) {
+  const std::pair<const char*, std::function<void(NmsCall&)>> cases[] = {
+      {"iou above 1", [](NmsCall& c) { c.iou = 1.5f; }},
+      {"iou NaN", [](NmsCall& c) { c.iou = std::nanf(""); }},
+      {"negative max", [](NmsCall& c) { c.max_output = -1; }},
+      {"boxes not [n, 4]", [](NmsCall& c) { c.box_dims = {4, 6}; }},
+      {"scores of another length", [](NmsCall& c) { c.scores.pop_back(); c.box_dims = {6, 4}; }},
+      {"negative sigma", [](NmsCall& c) { c.version = 5; c.sigma = -1; }},
+  };
+  for (const auto& [what, change] : cases) {
+    NmsCall c = Clusters();
+    change(c);
     const NmsOut out = RunNms(c);
     EXPECT_EQ(out.code, TF_INVALID_ARGUMENT) << what << ": " << out.error;
     EXPECT_NE(out.error.find("nms"), std::string::npos) << what << ": " << out.error;
-  };
-  NmsCall base;
-  base.boxes = kBoxes;
-  base.scores = kScores;
-  NmsCall c = base;
-  c.iou = 1.5f;
-  expect_error(c, "iou above 1");
-  c = base;
-  c.iou = std::nanf("");
-  expect_error(c, "iou NaN");
-  c = base;
-  c.max_output = -1;
-  expect_error(c, "negative max");
-  c = base;
-  c.box_dims = {4, 6};
-  expect_error(c, "boxes not [n, 4]");
-  c = base;
-  c.scores.pop_back();
-  c.box_dims = {6, 4};
-  expect_error(c, "scores of another length");
-  c = base;
-  c.version = 5;
-  c.sigma = -1;
-  expect_error(c, "negative sigma");
+  }
 }
 
 // Many candidates and many kept boxes: the grid the kernel files kept boxes

@@ -76,6 +76,29 @@ inline void ExpectRunError(OneOp& op, TF_Code code = TF_INVALID_ARGUMENT) {
   EXPECT_TRUE(op.ErrorNamesNode()) << op.error();
 }
 
+// Runs `op` expecting success and gives output 0 (empty on failure).
+template <typename T>
+std::vector<T> RunOk(OneOp& op) {
+  const TF_Code code = op.Run();
+  EXPECT_EQ(code, TF_OK) << op.error();
+  return code == TF_OK ? op.Output<T>() : std::vector<T>{};
+}
+
+// Runs `op` expecting success and gives the shape of output 0.
+inline Dims RunDims(OneOp& op) {
+  const TF_Code code = op.Run();
+  EXPECT_EQ(code, TF_OK) << op.error();
+  return code == TF_OK ? op.OutputDims() : Dims{-1};
+}
+
+// Runs `op` expecting output 0 of shape `dims` holding `values`.
+template <typename T>
+void ExpectOutput(OneOp& op, const Dims& dims, const std::vector<T>& values) {
+  ASSERT_EQ(op.Run(), TF_OK) << op.error();
+  EXPECT_EQ(op.OutputDims(), dims);
+  EXPECT_EQ(op.Output<T>(), values);
+}
+
 inline void ExpectNear(const std::vector<float>& actual, const std::vector<float>& expected,
                        float tol = 1e-5f) {
   ASSERT_EQ(actual.size(), expected.size());

@@ -89,8 +89,7 @@ std::string ConvWithBias(GraphBuilder& g, std::mt19937& rng, const std::string& 
   g.Node(depthwise ? "DepthwiseConv2dNative" : "Conv2D", prefix + "conv")
       .Input(x).Input(prefix + "w").Attr("T", TF_FLOAT).Attr("strides", L{1, 1, 1, 1})
       .Attr("padding", "SAME");
-  g.Node("BiasAdd", prefix + "bias").Input(prefix + "conv").Input(prefix + "b")
-      .Attr("T", TF_FLOAT);
+  g.Node("BiasAdd", prefix + "bias").Input(prefix + "conv").Input(prefix + "b").Attr("T", TF_FLOAT);
   return prefix + "conv";
 }
 
@@ -222,15 +221,13 @@ TEST(ConvChainPlanTest, BatchNormAndDilationAreFoldedIntoTheChain) {
   for (const char* p : {"s", "o", "m"}) g.Const<float>(p, {4}, Random(rng, 4));
   g.Const<float>("v", {4}, {0.5f, 1, 1.5f, 2});
   g.Node("FusedBatchNormV3", "bn").Input("b2s").Input("s").Input("o").Input("m").Input("v")
-      .Attr("T", TF_FLOAT).Attr("U", TF_FLOAT).Attr("epsilon", 0.001f)
-      .Attr("is_training", false);
+      .Attr("T", TF_FLOAT).Attr("U", TF_FLOAT).Attr("epsilon", 0.001f).Attr("is_training", false);
   g.Unary("Relu", "act", "bn");
   const auto labels = PlanLabels(g, {"act"});
   EXPECT_TRUE(HasLabel(labels, "SpaceToBatchND+Conv2D+BatchToSpaceND+FusedBatchNormV3+Relu"))
       << Joined(labels);
-  for (const char* alone : {"SpaceToBatchND", "Conv2D", "BatchToSpaceND", "FusedBatchNormV3"}) {
+  for (const char* alone : {"SpaceToBatchND", "Conv2D", "BatchToSpaceND", "FusedBatchNormV3"})
     EXPECT_FALSE(HasLabel(labels, alone)) << Joined(labels);
-  }
   auto x = MakeTensor<float>({1, 8, 8, 4}, Random(rng, 256));
   ExpectSameAsUnfused(g, {{"x", x.get()}}, {"act"});
 }
@@ -353,10 +350,6 @@ TEST(ConstantFoldingTest, ComputedWeightsAndFailuresBehaveAsUnfolded) {
   EXPECT_NEAR(Values<float>(out[0].get())[0], window, 1e-4f);
 }
 
-}  // namespace
-
-namespace {
-
 // Elementwise kernels may write into an input's memory when the run is done
 // with it. Memory that anything else can still see must never be written:
 // fed tensors, fetched tensors, constants, and buffers shared through
@@ -382,18 +375,13 @@ TEST(BufferReuseTest, OnlyMemoryNobodyElseSeesIsReused) {
               TF_OK)
         << session.last_error();
     EXPECT_EQ(Values<float>(feed.get()), x) << "the fed tensor was written";
-    EXPECT_EQ(Values<float>(out[0].get()), (F{-0.5f, 1, -2, 0}));
-    EXPECT_EQ(Values<float>(out[1].get()), (F{1.5f, 1, 5, 4}));
-    EXPECT_EQ(Values<float>(out[2].get()), (F{-1.5f, -1, -5, -4}));
-    EXPECT_EQ(Values<float>(out[3].get()), (F{-2.25f, -1, -25, -16}));
-    EXPECT_EQ(Values<float>(out[4].get()), (F{1, 4, 9, 16})) << "run " << run;
-    EXPECT_EQ(Values<float>(out[5].get()), (F{2.25f, 1, 25, 16}));
+    std::vector<F> got;
+    for (const auto& t : out) got.push_back(Values<float>(t.get()));
+    EXPECT_EQ(got, (std::vector<F>{{-0.5f, 1, -2, 0}, {1.5f, 1, 5, 4}, {-1.5f, -1, -5, -4},
+                                   {-2.25f, -1, -25, -16}, {1, 4, 9, 16}, {2.25f, 1, 25, 16}}))
+        << "run " << run;
   }
 }
-
-}  // namespace
-
-namespace {
 
 // Constants are read from the graph's own bytes; what a caller gets back is
 // its own copy, so writing into it changes nothing for later runs.
@@ -411,10 +399,6 @@ TEST(BufferReuseTest, FetchedConstantsAreCopiesOfTheGraphsBytes) {
     for (auto& t : out) static_cast<float*>(TF_TensorData(t.get()))[0] = 99;
   }
 }
-
-}  // namespace
-
-namespace {
 
 // conv (+ bias) -> FusedBatchNorm with constant statistics -> activation:
 // the plan folds the batch norm into the convolution.
@@ -468,10 +452,7 @@ TEST(ConvChainRewriteTest, BatchNormFoldedIntoConvolutionMatchesUnfused) {
 // the unrewritten plan's, including inputs SpaceToBatchND refuses.
 TEST(ConvChainRewriteTest, DilatedConvolutionPatternMatchesUnfused) {
   std::mt19937 rng(8);
-  struct Case {
-    L block, pads, crops;
-    bool depthwise;
-  };
+  struct Case { L block, pads, crops; bool depthwise; };
   const Case cases[] = {
       {{2, 2}, {2, 3, 2, 2}, {0, 1, 0, 0}, false},  // rate 2, SAME-like
       {{2, 3}, {2, 3, 3, 2}, {1, 1, 0, 2}, false},  // unequal rates and crops

@@ -301,8 +301,7 @@ TEST(SessionTest, ConcurrentRunsShareOneStatus) {
   GraphBuilder g;
   g.Placeholder("x", TF_FLOAT);
   g.Const<int32_t>("shape", {2}, {2, 2});
-  g.Node("Reshape", "r").Input("x").Input("shape").Attr("T", TF_FLOAT)
-      .Attr("Tshape", TF_INT32);
+  g.Node("Reshape", "r").Input("x").Input("shape").Attr("T", TF_FLOAT).Attr("Tshape", TF_INT32);
   TestSession s(g.Serialize());
   ASSERT_EQ(s.code(), TF_OK) << s.message();
   TF_Output in{TF_GraphOperationByName(s.graph(), "x"), 0};

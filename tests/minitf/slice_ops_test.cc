@@ -13,8 +13,11 @@
 namespace {
 
 using testing_support::Dims;
+using testing_support::ExpectOutput;
 using testing_support::ExpectRunError;
 using testing_support::OneOp;
+using testing_support::RunDims;
+using testing_support::RunOk;
 
 std::vector<int32_t> Iota(int n) {
   std::vector<int32_t> v(n);
@@ -46,8 +49,7 @@ void AddStridedSlice(OneOp& op, const Dims& input, const SliceArgs& s) {
   op.In<int32_t>(input, Iota(static_cast<int>(Count(input))))
       .In<int32_t>({n}, s.begin)
       .In<int32_t>({static_cast<int64_t>(s.end.size())}, s.end)
-      .In<int32_t>({static_cast<int64_t>(s.strides.size())}, s.strides)
-      .Attr("T", TF_INT32)
+      .In<int32_t>({static_cast<int64_t>(s.strides.size())}, s.strides).Attr("T", TF_INT32)
       .Attr("Index", TF_INT32);
   // Masks left at zero are omitted, as exported graphs do.
   if (s.begin_mask) op.Attr("begin_mask", s.begin_mask);
@@ -108,25 +110,20 @@ TEST(StridedSliceTest, IndexTypesAndElementTypes) {
   f.In<float>({2, 3}, {0.5f, 1.5f, 2.5f, 3.5f, 4.5f, 5.5f})
       .In<int64_t>({2}, {1, 0})
       .In<int64_t>({2}, {2, 0})
-      .In<int64_t>({2}, {1, -1})
-      .Attr("T", TF_FLOAT).Attr("Index", TF_INT64)
-      .Attr("begin_mask", 2).Attr("end_mask", 2).Attr("shrink_axis_mask", 1);
+      .In<int64_t>({2}, {1, -1}).Attr("T", TF_FLOAT).Attr("Index", TF_INT64).Attr("begin_mask", 2)
+      .Attr("end_mask", 2).Attr("shrink_axis_mask", 1);
   ASSERT_EQ(f.Run(), TF_OK) << f.error();
   EXPECT_EQ(f.OutputDims(), (Dims{3}));
   EXPECT_EQ(f.Output<float>(), (std::vector<float>{5.5f, 4.5f, 3.5f}));
 
   // Extreme int64 bounds clamp without overflow: v[max:min:-2] on [0..4].
   const int64_t lo = std::numeric_limits<int64_t>::min(), hi = std::numeric_limits<int64_t>::max();
-  OneOp ext("StridedSlice");
-  ext.In<int32_t>({5}, Iota(5)).In<int64_t>({1}, {hi}).In<int64_t>({1}, {lo}).In<int64_t>({1}, {-2})
-      .Attr("T", TF_INT32).Attr("Index", TF_INT64);
-  ASSERT_EQ(ext.Run(), TF_OK) << ext.error();
-  EXPECT_EQ(ext.Output<int32_t>(), (std::vector<int32_t>{4, 2, 0}));
-  OneOp ext_shrink("StridedSlice");
-  ext_shrink.In<int32_t>({5}, Iota(5)).In<int64_t>({1}, {lo}).In<int64_t>({1}, {0})
-      .In<int64_t>({1}, {1}).Attr("T", TF_INT32).Attr("Index", TF_INT64)
-      .Attr("shrink_axis_mask", 1);
-  ExpectRunError(ext_shrink);
+  EXPECT_EQ(RunOk<int32_t>(OneOp("StridedSlice").In<int32_t>({5}, Iota(5)).In<int64_t>({1}, {hi})
+      .In<int64_t>({1}, {lo}).In<int64_t>({1}, {-2}).Attr("T", TF_INT32)
+      .Attr("Index", TF_INT64)), (std::vector<int32_t>{4, 2, 0}));
+  ExpectRunError(OneOp("StridedSlice").In<int32_t>({5}, Iota(5)).In<int64_t>({1}, {lo})
+      .In<int64_t>({1}, {0}).In<int64_t>({1}, {1}).Attr("T", TF_INT32).Attr("Index", TF_INT64)
+      .Attr("shrink_axis_mask", 1));
 
   OneOp b("StridedSlice");
   b.In<bool>({4}, {true, false, false, true})
@@ -157,25 +154,17 @@ TEST(StridedSliceTest, RejectsBadIndices) {
 
 TEST(SliceTest, BoxesWithSizeToTheEnd) {
   // x[1:2, :, 1:3] written as begin [1, 0, 1], size [1, -1, 2].
-  OneOp a("Slice");
-  a.In<int32_t>({2, 3, 4}, Iota(24)).In<int32_t>({3}, {1, 0, 1}).In<int32_t>({3}, {1, -1, 2})
-      .Attr("T", TF_INT32).Attr("Index", TF_INT32);
-  ASSERT_EQ(a.Run(), TF_OK) << a.error();
-  EXPECT_EQ(a.OutputDims(), (Dims{1, 3, 2}));
-  EXPECT_EQ(a.Output<int32_t>(), (std::vector<int32_t>{13, 14, 17, 18, 21, 22}));
+  ExpectOutput<int32_t>(OneOp("Slice").In<int32_t>({2, 3, 4}, Iota(24)).In<int32_t>({3}, {1, 0, 1})
+      .In<int32_t>({3}, {1, -1, 2}).Attr("T", TF_INT32)
+      .Attr("Index", TF_INT32), {1, 3, 2}, (std::vector<int32_t>{13, 14, 17, 18, 21, 22}));
 
   // int64 indices, uint8 data, an empty box at the very end of a dim.
-  OneOp e("Slice");
-  e.In<uint8_t>({2, 2}, {1, 2, 3, 4}).In<int64_t>({2}, {0, 2}).In<int64_t>({2}, {2, 0})
-      .Attr("T", TF_UINT8).Attr("Index", TF_INT64);
-  ASSERT_EQ(e.Run(), TF_OK) << e.error();
-  EXPECT_EQ(e.OutputDims(), (Dims{2, 0}));
+  EXPECT_EQ(RunDims(OneOp("Slice").In<uint8_t>({2, 2}, {1, 2, 3, 4}).In<int64_t>({2}, {0, 2})
+      .In<int64_t>({2}, {2, 0}).Attr("T", TF_UINT8).Attr("Index", TF_INT64)), (Dims{2, 0}));
 
-  OneOp w("Slice");
-  w.In<double>({3}, {1.0, 2.0, 3.0}).In<int32_t>({1}, {0}).In<int32_t>({1}, {-1})
-      .Attr("T", TF_DOUBLE).Attr("Index", TF_INT32);
-  ASSERT_EQ(w.Run(), TF_OK) << w.error();
-  EXPECT_EQ(w.Output<double>(), (std::vector<double>{1.0, 2.0, 3.0}));
+  EXPECT_EQ(RunOk<double>(OneOp("Slice").In<double>({3}, {1.0, 2.0, 3.0}).In<int32_t>({1}, {0})
+      .In<int32_t>({1}, {-1}).Attr("T", TF_DOUBLE)
+      .Attr("Index", TF_INT32)), (std::vector<double>{1.0, 2.0, 3.0}));
 }
 
 TEST(SliceTest, RejectsOutOfRangeBoxes) {
@@ -187,12 +176,10 @@ TEST(SliceTest, RejectsOutOfRangeBoxes) {
       {{0}, {1}},          // one entry for two dims
   };
   for (const auto& [begin, size] : bad) {
-    OneOp op("Slice");
-    op.In<float>({2, 3}, {0, 1, 2, 3, 4, 5})
+    ExpectRunError(OneOp("Slice").In<float>({2, 3}, {0, 1, 2, 3, 4, 5})
         .In<int32_t>({static_cast<int64_t>(begin.size())}, begin)
-        .In<int32_t>({static_cast<int64_t>(size.size())}, size)
-        .Attr("T", TF_FLOAT).Attr("Index", TF_INT32);
-    ExpectRunError(op);
+        .In<int32_t>({static_cast<int64_t>(size.size())}, size).Attr("T", TF_FLOAT)
+        .Attr("Index", TF_INT32));
   }
 }
 

@@ -152,15 +152,14 @@ json Conv2DAttrs(std::vector<std::string> fused, int num_args, const char* paddi
 // ------------------------------------------------------------ weights
 
 TEST(TfjsWeightsTest, HalfPrecisionDecodesEveryClass) {
-  EXPECT_EQ(tfjs::HalfToFloat(0x3c00), 1.0f);
-  EXPECT_EQ(tfjs::HalfToFloat(0xc000), -2.0f);
-  EXPECT_EQ(tfjs::HalfToFloat(0x3555), 0.333251953125f);
-  EXPECT_EQ(tfjs::HalfToFloat(0x7bff), 65504.0f);           // largest finite
-  EXPECT_EQ(tfjs::HalfToFloat(0x0400), std::ldexp(1.0f, -14));  // smallest normal
-  EXPECT_EQ(tfjs::HalfToFloat(0x0001), std::ldexp(1.0f, -24));  // smallest subnormal
-  EXPECT_EQ(tfjs::HalfToFloat(0x03ff), 1023 * std::ldexp(1.0f, -24));
-  EXPECT_EQ(tfjs::HalfToFloat(0x7c00), INFINITY);
-  EXPECT_EQ(tfjs::HalfToFloat(0xfc00), -INFINITY);
+  // 65504 is the largest finite; 2^-14 the smallest normal, 2^-24 the smallest subnormal.
+  const std::vector<uint16_t> bits = {0x3c00, 0xc000, 0x3555, 0x7bff, 0x0400,
+                                      0x0001, 0x03ff, 0x7c00, 0xfc00};
+  std::vector<float> got;
+  for (uint16_t b : bits) got.push_back(tfjs::HalfToFloat(b));
+  EXPECT_EQ(got, (std::vector<float>{1, -2, 0.333251953125f, 65504, std::ldexp(1.0f, -14),
+                                     std::ldexp(1.0f, -24), 1023 * std::ldexp(1.0f, -24),
+                                     INFINITY, -INFINITY}));
   EXPECT_TRUE(std::isnan(tfjs::HalfToFloat(0x7e00)));
   const float negative_zero = tfjs::HalfToFloat(0x8000);
   EXPECT_EQ(negative_zero, 0.0f);
@@ -244,30 +243,26 @@ TEST(TfjsModelFileTest, RefusesWhatItCannotTrust) {
     bad.RawWeight(spec, std::string(64, '\0'));
     return ParseError(bad.Json(), bad.shard());
   };
-  EXPECT_NE(with_weight({{"name", "neg"}, {"shape", {-1}}, {"dtype", "float32"}})
-                .find("invalid dimension"), std::string::npos);
-  EXPECT_NE(with_weight({{"name", "huge"}, {"shape", {65536, 65536, 65536}}, {"dtype", "float32"}})
-                .find("more than"), std::string::npos);
-  EXPECT_NE(with_weight({{"name", "s"}, {"shape", {1}}, {"dtype", "string"}}).find("string"),
-            std::string::npos);
-  EXPECT_NE(with_weight({{"name", "q"}, {"shape", {1}}, {"dtype", "float32"},
-                         {"quantization", {{"dtype", "int4"}}}}).find("int4"),
-            std::string::npos);
-  EXPECT_NE(with_weight({{"name", "q"}, {"shape", {1}}, {"dtype", "float32"},
-                         {"quantization", {{"dtype", "uint8"}}}}).find("scale"),
-            std::string::npos);
-  EXPECT_NE(with_weight({{"shape", {1}}, {"dtype", "float32"}}).find("without a name"),
-            std::string::npos);
-
-  EXPECT_NE(ParseError("{not json", "").find("not valid JSON"), std::string::npos);
-  EXPECT_NE(ParseError(R"({"modelTopology": {"node": []}})", "").find("weightsManifest"),
-            std::string::npos);
-  EXPECT_NE(ParseError(R"({"weightsManifest": []})", "").find("modelTopology"),
-            std::string::npos);
-  // A node whose attribute names a dtype that does not exist.
-  EXPECT_NE(ParseError(R"({"modelTopology": {"node": [{"name": "n", "op": "Identity",
-      "attr": {"T": {"type": "DT_NOPE"}}}]}, "weightsManifest": []})", "").find("node 'n'"),
-      std::string::npos);
+  auto quantised = [](json q) {
+    return json{{"name", "q"}, {"shape", {1}}, {"dtype", "float32"}, {"quantization", q}};
+  };
+  const std::vector<std::pair<std::string, const char*>> refused = {
+      {with_weight({{"name", "neg"}, {"shape", {-1}}, {"dtype", "float32"}}), "invalid dimension"},
+      {with_weight({{"name", "huge"}, {"shape", {65536, 65536, 65536}}, {"dtype", "float32"}}),
+       "more than"},
+      {with_weight({{"name", "s"}, {"shape", {1}}, {"dtype", "string"}}), "string"},
+      {with_weight(quantised({{"dtype", "int4"}})), "int4"},
+      {with_weight(quantised({{"dtype", "uint8"}})), "scale"},
+      {with_weight({{"shape", {1}}, {"dtype", "float32"}}), "without a name"},
+      {ParseError("{not json", ""), "not valid JSON"},
+      {ParseError(R"({"modelTopology": {"node": []}})", ""), "weightsManifest"},
+      {ParseError(R"({"weightsManifest": []})", ""), "modelTopology"},
+      // A node whose attribute names a dtype that does not exist.
+      {ParseError(R"({"modelTopology": {"node": [{"name": "n", "op": "Identity",
+          "attr": {"T": {"type": "DT_NOPE"}}}]}, "weightsManifest": []})", ""), "node 'n'"},
+  };
+  for (const auto& [error, needle] : refused)
+    EXPECT_NE(error.find(needle), std::string::npos) << needle << " in: " << error;
   // Wrong JSON types where objects are expected are errors, not exceptions.
   EXPECT_FALSE(ParseError(R"({"modelTopology": {"node": [1]}, "weightsManifest": [2]})", "")
                    .empty());

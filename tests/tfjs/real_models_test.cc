@@ -32,11 +32,7 @@ constexpr double kModelTolerance = 1e-4;
 // magnitude. Their difference stays near 1.5e-5 of that scale (float32
 // rounding; TF.js's CPU backend accumulates in double), but where a logit is
 // near 0 the sigmoid turns it into up to 5e-4 of the mask's scale of 1.
-struct LooseOutput {
-  const char* model;
-  const char* output;
-  double tolerance;
-};
+struct LooseOutput { const char* model; const char* output; double tolerance; };
 const LooseOutput kLooseOutputs[] = {
     {"blazepose-lite", "Identity_1", 1e-3},
     {"blazepose-full", "Identity_1", 1e-3},
