@@ -1,6 +1,8 @@
 #include "plan_optimizer.h"
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 #include <map>
 #include <unordered_map>
 #include <unordered_set>
@@ -58,6 +60,8 @@ bool IsNhwc(const Node* n) {
   auto it = n->def.attr().find("data_format");
   return it == n->def.attr().end() || it->second.s() == "NHWC";
 }
+
+bool IsAdd(const Node* n) { return n->def.op() == "Add" || n->def.op() == "AddV2"; }
 
 bool ActivationOf(const Node* n, ConvPostOp* op) {
   static const std::map<std::string, ConvPostOp::Kind> kinds = {
@@ -178,6 +182,24 @@ class ChainFuser {
         link.operands = {{ChainOperand::kChain, {}}};
         for (int i = 1; i <= 4; ++i) {
           link.operands.push_back({ChainOperand::kConstant, *Constant(next.input_slots[i])});
+        }
+      } else if (const int k = ConstantOperand(next, value_slot); k >= 0 &&
+                 chain.post_ops.empty() && (IsAdd(m) || m->def.op() == "Mul") &&
+                 FoldChannelConstant(*Constant(next.input_slots[k]), IsAdd(m), out_c, &chain)) {
+        // A per-channel (or scalar) constant added or multiplied before any
+        // activation: a bias, or a scale folded into filter and bias.
+        for (int slot : next.input_slots) {
+          link.operands.push_back(slot == value_slot
+                                      ? ChainOperand{ChainOperand::kChain, {}}
+                                      : ChainOperand{ChainOperand::kConstant, *Constant(slot)});
+        }
+      } else if (const int k = ConstantOperand(next, value_slot);
+                 k >= 0 && (m->def.op() == "Minimum" || m->def.op() == "Maximum") &&
+                 AddClip(*Constant(next.input_slots[k]), m->def.op() == "Minimum", &chain)) {
+        for (int slot : next.input_slots) {
+          link.operands.push_back(slot == value_slot
+                                      ? ChainOperand{ChainOperand::kChain, {}}
+                                      : ChainOperand{ChainOperand::kConstant, *Constant(slot)});
         }
       } else if (ActivationOf(m, &post) && next.input_slots[0] == value_slot) {
         chain.post_ops.push_back(post);
@@ -314,6 +336,95 @@ class ChainFuser {
     *label = "SpaceToBatchND+" + *label + "+BatchToSpaceND";
     *input_slot = stb.input_slots[0];
     *value_slot = bts.first_output_slot;
+    return true;
+  }
+
+  // Which input (0 or 1) of a two-input step is a constant when the other
+  // is `value_slot`; -1 otherwise.
+  int ConstantOperand(const Plan::Step& step, int value_slot) const {
+    if (step.input_slots.size() != 2) return -1;
+    for (int k = 0; k < 2; ++k) {
+      if (step.input_slots[1 - k] == value_slot && step.input_slots[k] != value_slot &&
+          Constant(step.input_slots[k]) != nullptr) {
+        return k;
+      }
+    }
+    return -1;
+  }
+
+  // A float constant that broadcasts along the channels of an NHWC value
+  // without changing its shape: one value, or out_c values in the last dim.
+  static bool IsChannelConstant(const Tensor& t, int64_t out_c) {
+    if (t.dtype() != TF_FLOAT || t.rank() > 4) return false;
+    for (int d = 0; d + 1 < t.rank(); ++d) {
+      if (t.dim(d) != 1) return false;
+    }
+    return t.num_elements() == 1 || (t.rank() > 0 && t.num_elements() == out_c);
+  }
+
+  // A Minimum (`upper`) or Maximum with a scalar float constant, as a clip:
+  // a new one, or merged into the clip just before it. A chain holds at
+  // most one clip: oneDNN 2.6 gives two clip post-ops the first one's
+  // bounds.
+  static bool AddClip(const Tensor& t, bool upper, ConvChainDef* chain) {
+    if (t.dtype() != TF_FLOAT || t.rank() > 4 || t.num_elements() != 1) return false;
+    const float bound = t.data<float>()[0];
+    if (std::isnan(bound)) return false;
+    std::vector<ConvPostOp>& ops = chain->post_ops;
+    const bool merge = !ops.empty() && ops.back().kind == ConvPostOp::kClip;
+    if (!merge) {
+      for (const ConvPostOp& op : ops) {
+        if (op.kind == ConvPostOp::kClip) return false;
+      }
+    }
+    ConvPostOp clip;
+    clip.kind = ConvPostOp::kClip;
+    clip.alpha = -std::numeric_limits<float>::max();
+    clip.beta = std::numeric_limits<float>::max();
+    if (merge) clip = ops.back();
+    if (upper) {
+      clip.beta = std::min(clip.beta, bound);
+    } else {
+      clip.alpha = std::max(clip.alpha, bound);
+    }
+    // min then max with crossed bounds is a constant, which a clip is not.
+    if (clip.alpha > clip.beta) return false;
+    if (merge) {
+      ops.back() = clip;
+    } else {
+      ops.push_back(clip);
+    }
+    return true;
+  }
+
+  // Adds a channel constant to the chain's bias, or scales its filter and
+  // bias by one.
+  static bool FoldChannelConstant(const Tensor& t, bool add, int64_t out_c,
+                                  ConvChainDef* chain) {
+    if (!IsChannelConstant(t, out_c)) return false;
+    const float* v = t.data<float>();
+    auto at = [&](int64_t c) { return t.num_elements() == 1 ? v[0] : v[c]; };
+    Tensor bias;
+    if (!Tensor::Allocate(TF_FLOAT, Shape({out_c}), &bias).ok()) return false;
+    const float* old_bias = chain->bias.valid() ? chain->bias.data<float>() : nullptr;
+    if (add) {
+      for (int64_t c = 0; c < out_c; ++c) {
+        bias.data<float>()[c] = (old_bias ? old_bias[c] : 0.0f) + at(c);
+      }
+      chain->bias = bias;
+      return true;
+    }
+    const Tensor& source = chain->fused_filter.valid() ? chain->fused_filter : chain->filter;
+    Tensor filter;
+    if (!Tensor::Allocate(TF_FLOAT, source.shape(), &filter).ok()) return false;
+    const float* w = source.data<float>();
+    float* fw = filter.data<float>();
+    for (int64_t i = 0; i < source.num_elements(); ++i) fw[i] = w[i] * at(i % out_c);
+    chain->fused_filter = filter;
+    if (old_bias != nullptr) {
+      for (int64_t c = 0; c < out_c; ++c) bias.data<float>()[c] = old_bias[c] * at(c);
+      chain->bias = bias;
+    }
     return true;
   }
 
