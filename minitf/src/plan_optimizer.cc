@@ -9,6 +9,7 @@
 
 #include "kernels/batch_norm.h"
 #include "kernels/conv_chain.h"
+#include "kernels/prelu.h"
 
 namespace minitf {
 namespace {
@@ -104,7 +105,10 @@ class ChainFuser {
       if (removed[i]) continue;
       std::vector<int> members;
       Plan::Step step;
-      if (!MatchChain(static_cast<int>(i), removed, &members, &step)) continue;
+      if (!MatchChain(static_cast<int>(i), removed, &members, &step) &&
+          !MatchPrelu(static_cast<int>(i), removed, &members, &step)) {
+        continue;
+      }
       for (int m : members) removed[m] = true;
       fused[members.back()] = std::move(step);
     }
@@ -233,6 +237,94 @@ class ChainFuser {
     if (residual_slot >= 0) fused->input_slots.push_back(residual_slot);
     fused->label = label;
     plan_->owned_kernels.push_back(std::make_unique<ConvChainKernel>(std::move(chain)));
+    fused->kernel = plan_->owned_kernels.back().get();
+    return true;
+  }
+
+  // The step of `op` and float type T at `index`, or null.
+  const Plan::Step* FloatStep(int index, const char* op) const {
+    if (index < 0) return nullptr;
+    const Plan::Step& step = plan_->steps[index];
+    if (step.node->def.op() != op || TypeAttr(step.node) != TF_FLOAT) return nullptr;
+    return &step;
+  }
+
+  // Add(Relu(x) or x, Mul(Sub(x, Abs(x)), alpha)) with a constant alpha,
+  // headed by its Abs, as one PreluKernel step. Its members must be the only
+  // readers of what they make, and x read by nothing else.
+  bool MatchPrelu(int head, const std::vector<bool>& removed, std::vector<int>* members,
+                  Plan::Step* fused) {
+    const Plan::Step* abs = FloatStep(head, "Abs");
+    if (abs == nullptr || abs->input_slots.size() != 1) return false;
+    const int x = abs->input_slots[0];
+    if (fetched_.count(x) || Constant(x) != nullptr) return false;
+    const int abs_out = abs->first_output_slot;
+    const int sub_i = SoleReader(abs_out, removed);
+    const Plan::Step* sub = FloatStep(sub_i, "Sub");
+    if (sub == nullptr || sub->input_slots != std::vector<int>{x, abs_out}) return false;
+    const int sub_out = sub->first_output_slot;
+    const int mul_i = SoleReader(sub_out, removed);
+    const Plan::Step* mul = FloatStep(mul_i, "Mul");
+    if (mul == nullptr || mul->input_slots.size() != 2) return false;
+    const int k = mul->input_slots[0] == sub_out ? 1 : 0;
+    if (mul->input_slots[1 - k] != sub_out || mul->input_slots[k] == sub_out) return false;
+    const Tensor* alpha = Constant(mul->input_slots[k]);
+    if (alpha == nullptr || alpha->dtype() != TF_FLOAT) return false;
+    const int mul_out = mul->first_output_slot;
+    const int add_i = SoleReader(mul_out, removed);
+    const Plan::Step* add = FloatStep(add_i, "AddV2");
+    if (add == nullptr) add = FloatStep(add_i, "Add");
+    if (add == nullptr || add->input_slots.size() != 2) return false;
+    const int j = add->input_slots[0] == mul_out ? 1 : 0;
+    if (add->input_slots[1 - j] != mul_out) return false;
+    const int kept = add->input_slots[j];
+    int relu_i = -1;
+    if (kept != x) {
+      relu_i = producer_.count(kept) ? producer_.at(kept) : -1;
+      const Plan::Step* relu = FloatStep(relu_i, "Relu");
+      if (relu == nullptr || removed[relu_i] || relu->input_slots != std::vector<int>{x} ||
+          SoleReader(kept, removed) != add_i) {
+        return false;
+      }
+    }
+    // x's readers: Abs, Sub, and the Relu or the Add.
+    std::vector<int> x_readers = readers_[x];
+    std::sort(x_readers.begin(), x_readers.end());
+    std::vector<int> expected = {head, sub_i, relu_i >= 0 ? relu_i : add_i};
+    std::sort(expected.begin(), expected.end());
+    if (x_readers != expected) return false;
+
+    PreluDef def;
+    def.relu_form = relu_i >= 0;
+    def.alpha = *alpha;
+    // Parts in execution order: [Relu], Abs, Sub, Mul, Add.
+    std::map<int, int> part_of;  // slot -> part index
+    auto operand = [&](int slot) {
+      if (slot == x) return PreluDef::kInput;
+      auto it = part_of.find(slot);
+      return it == part_of.end() ? PreluDef::kAlpha : it->second;
+    };
+    std::vector<int> order;
+    if (relu_i >= 0) order.push_back(relu_i);
+    for (int index : {head, sub_i, mul_i, add_i}) order.push_back(index);
+    std::string label;
+    for (int index : order) {
+      const Plan::Step& step = plan_->steps[index];
+      PreluDef::Part part;
+      part.node = step.node;
+      part.kernel = step.kernel;
+      for (int slot : step.input_slots) part.operands.push_back(operand(slot));
+      part_of[step.first_output_slot] = static_cast<int>(def.parts.size());
+      def.parts.push_back(std::move(part));
+      label += (label.empty() ? "" : "+") + step.node->def.op();
+    }
+    *members = order;
+    std::sort(members->begin(), members->end());
+    fused->node = add->node;
+    fused->first_output_slot = add->first_output_slot;
+    fused->input_slots = {x};
+    fused->label = label;
+    plan_->owned_kernels.push_back(std::make_unique<PreluKernel>(std::move(def)));
     fused->kernel = plan_->owned_kernels.back().get();
     return true;
   }

@@ -158,6 +158,32 @@ TEST(ConvChainTest, ChannelConstantsAndClipsMatchUnfused) {
   }
 }
 
+// PReLU written out as Add(Relu(x) or x, Mul(Sub(x, Abs(x)), alpha)) runs
+// as one step; alphas that do not broadcast along the last dimension, and
+// an intermediate read elsewhere, keep the unfused kernels' results.
+TEST(PreluRewriteTest, WrittenOutPreluMatchesUnfused) {
+  std::mt19937 rng(9);
+  const std::vector<Dims> alphas = {{4}, {1, 1, 1, 4}, {}, {6, 1}, {1, 7, 1, 1}};
+  for (size_t a = 0; a < alphas.size(); ++a) {
+    for (int form = 0; form < 3; ++form) {
+      GraphBuilder g;
+      g.Placeholder("x", TF_FLOAT);
+      g.Const<float>("alpha", alphas[a], Random(rng, Count(alphas[a])));
+      g.Node("Abs", "abs").Input("x").Attr("T", TF_FLOAT);
+      g.Binary("Sub", "sub", "x", "abs");
+      g.Binary("Mul", "mul", form == 1 ? "alpha" : "sub", form == 1 ? "sub" : "alpha");
+      g.Node("Relu", "relu").Input("x").Attr("T", TF_FLOAT);
+      g.Binary(form == 1 ? "Add" : "AddV2", "out", form == 0 ? "relu" : "mul",
+               form == 0 ? "mul" : "x");
+      std::vector<std::string> fetches = {"out"};
+      if (form == 2) fetches.push_back("sub");
+      auto x = MakeTensor<float>({1, 7, 6, 4}, Random(rng, 168));
+      SCOPED_TRACE("alpha " + std::to_string(a) + " form " + std::to_string(form));
+      ExpectSameAsUnfused(g, {{"x", x.get()}}, fetches);
+    }
+  }
+}
+
 TEST(ConvChainEdgeTest, FetchedOrSharedIntermediatesStayCorrect) {
   std::mt19937 rng(5);
   GraphBuilder g;
