@@ -36,7 +36,9 @@ bool DnnlEltwise::Run(int64_t n, const float* in, float* out, ThreadPool* pool) 
   parts = (n + piece - 1) / piece;
   const int64_t last = n - piece * (parts - 1);
   auto make = [&](int64_t size) {
-    return cache_->Get({size}, [&] {
+    PrimitiveKey key{};
+    key[0] = size;
+    return cache_->Get(key, [&] {
       OneOmpThread one_thread;
       auto e = std::make_shared<EltwiseEntry>();
       e->data = memory::desc({size}, kF32, Tag::x);
