@@ -1,12 +1,15 @@
 #include "plan_optimizer.h"
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 #include <map>
 #include <unordered_map>
 #include <unordered_set>
 
 #include "kernels/batch_norm.h"
 #include "kernels/conv_chain.h"
+#include "kernels/prelu.h"
 
 namespace minitf {
 namespace {
@@ -59,6 +62,8 @@ bool IsNhwc(const Node* n) {
   return it == n->def.attr().end() || it->second.s() == "NHWC";
 }
 
+bool IsAdd(const Node* n) { return n->def.op() == "Add" || n->def.op() == "AddV2"; }
+
 bool ActivationOf(const Node* n, ConvPostOp* op) {
   static const std::map<std::string, ConvPostOp::Kind> kinds = {
       {"Relu", ConvPostOp::kRelu},       {"Relu6", ConvPostOp::kRelu6},
@@ -100,7 +105,10 @@ class ChainFuser {
       if (removed[i]) continue;
       std::vector<int> members;
       Plan::Step step;
-      if (!MatchChain(static_cast<int>(i), removed, &members, &step)) continue;
+      if (!MatchChain(static_cast<int>(i), removed, &members, &step) &&
+          !MatchPrelu(static_cast<int>(i), removed, &members, &step)) {
+        continue;
+      }
       for (int m : members) removed[m] = true;
       fused[members.back()] = std::move(step);
     }
@@ -179,6 +187,24 @@ class ChainFuser {
         for (int i = 1; i <= 4; ++i) {
           link.operands.push_back({ChainOperand::kConstant, *Constant(next.input_slots[i])});
         }
+      } else if (const int k = ConstantOperand(next, value_slot); k >= 0 &&
+                 chain.post_ops.empty() && (IsAdd(m) || m->def.op() == "Mul") &&
+                 FoldChannelConstant(*Constant(next.input_slots[k]), IsAdd(m), out_c, &chain)) {
+        // A per-channel (or scalar) constant added or multiplied before any
+        // activation: a bias, or a scale folded into filter and bias.
+        for (int slot : next.input_slots) {
+          link.operands.push_back(slot == value_slot
+                                      ? ChainOperand{ChainOperand::kChain, {}}
+                                      : ChainOperand{ChainOperand::kConstant, *Constant(slot)});
+        }
+      } else if (const int k = ConstantOperand(next, value_slot);
+                 k >= 0 && (m->def.op() == "Minimum" || m->def.op() == "Maximum") &&
+                 AddClip(*Constant(next.input_slots[k]), m->def.op() == "Minimum", &chain)) {
+        for (int slot : next.input_slots) {
+          link.operands.push_back(slot == value_slot
+                                      ? ChainOperand{ChainOperand::kChain, {}}
+                                      : ChainOperand{ChainOperand::kConstant, *Constant(slot)});
+        }
       } else if (ActivationOf(m, &post) && next.input_slots[0] == value_slot) {
         chain.post_ops.push_back(post);
         link.operands = {{ChainOperand::kChain, {}}};
@@ -211,6 +237,94 @@ class ChainFuser {
     if (residual_slot >= 0) fused->input_slots.push_back(residual_slot);
     fused->label = label;
     plan_->owned_kernels.push_back(std::make_unique<ConvChainKernel>(std::move(chain)));
+    fused->kernel = plan_->owned_kernels.back().get();
+    return true;
+  }
+
+  // The step of `op` and float type T at `index`, or null.
+  const Plan::Step* FloatStep(int index, const char* op) const {
+    if (index < 0) return nullptr;
+    const Plan::Step& step = plan_->steps[index];
+    if (step.node->def.op() != op || TypeAttr(step.node) != TF_FLOAT) return nullptr;
+    return &step;
+  }
+
+  // Add(Relu(x) or x, Mul(Sub(x, Abs(x)), alpha)) with a constant alpha,
+  // headed by its Abs, as one PreluKernel step. Its members must be the only
+  // readers of what they make, and x read by nothing else.
+  bool MatchPrelu(int head, const std::vector<bool>& removed, std::vector<int>* members,
+                  Plan::Step* fused) {
+    const Plan::Step* abs = FloatStep(head, "Abs");
+    if (abs == nullptr || abs->input_slots.size() != 1) return false;
+    const int x = abs->input_slots[0];
+    if (fetched_.count(x) || Constant(x) != nullptr) return false;
+    const int abs_out = abs->first_output_slot;
+    const int sub_i = SoleReader(abs_out, removed);
+    const Plan::Step* sub = FloatStep(sub_i, "Sub");
+    if (sub == nullptr || sub->input_slots != std::vector<int>{x, abs_out}) return false;
+    const int sub_out = sub->first_output_slot;
+    const int mul_i = SoleReader(sub_out, removed);
+    const Plan::Step* mul = FloatStep(mul_i, "Mul");
+    if (mul == nullptr || mul->input_slots.size() != 2) return false;
+    const int k = mul->input_slots[0] == sub_out ? 1 : 0;
+    if (mul->input_slots[1 - k] != sub_out || mul->input_slots[k] == sub_out) return false;
+    const Tensor* alpha = Constant(mul->input_slots[k]);
+    if (alpha == nullptr || alpha->dtype() != TF_FLOAT) return false;
+    const int mul_out = mul->first_output_slot;
+    const int add_i = SoleReader(mul_out, removed);
+    const Plan::Step* add = FloatStep(add_i, "AddV2");
+    if (add == nullptr) add = FloatStep(add_i, "Add");
+    if (add == nullptr || add->input_slots.size() != 2) return false;
+    const int j = add->input_slots[0] == mul_out ? 1 : 0;
+    if (add->input_slots[1 - j] != mul_out) return false;
+    const int kept = add->input_slots[j];
+    int relu_i = -1;
+    if (kept != x) {
+      relu_i = producer_.count(kept) ? producer_.at(kept) : -1;
+      const Plan::Step* relu = FloatStep(relu_i, "Relu");
+      if (relu == nullptr || removed[relu_i] || relu->input_slots != std::vector<int>{x} ||
+          SoleReader(kept, removed) != add_i) {
+        return false;
+      }
+    }
+    // x's readers: Abs, Sub, and the Relu or the Add.
+    std::vector<int> x_readers = readers_[x];
+    std::sort(x_readers.begin(), x_readers.end());
+    std::vector<int> expected = {head, sub_i, relu_i >= 0 ? relu_i : add_i};
+    std::sort(expected.begin(), expected.end());
+    if (x_readers != expected) return false;
+
+    PreluDef def;
+    def.relu_form = relu_i >= 0;
+    def.alpha = *alpha;
+    // Parts in execution order: [Relu], Abs, Sub, Mul, Add.
+    std::map<int, int> part_of;  // slot -> part index
+    auto operand = [&](int slot) {
+      if (slot == x) return PreluDef::kInput;
+      auto it = part_of.find(slot);
+      return it == part_of.end() ? PreluDef::kAlpha : it->second;
+    };
+    std::vector<int> order;
+    if (relu_i >= 0) order.push_back(relu_i);
+    for (int index : {head, sub_i, mul_i, add_i}) order.push_back(index);
+    std::string label;
+    for (int index : order) {
+      const Plan::Step& step = plan_->steps[index];
+      PreluDef::Part part;
+      part.node = step.node;
+      part.kernel = step.kernel;
+      for (int slot : step.input_slots) part.operands.push_back(operand(slot));
+      part_of[step.first_output_slot] = static_cast<int>(def.parts.size());
+      def.parts.push_back(std::move(part));
+      label += (label.empty() ? "" : "+") + step.node->def.op();
+    }
+    *members = order;
+    std::sort(members->begin(), members->end());
+    fused->node = add->node;
+    fused->first_output_slot = add->first_output_slot;
+    fused->input_slots = {x};
+    fused->label = label;
+    plan_->owned_kernels.push_back(std::make_unique<PreluKernel>(std::move(def)));
     fused->kernel = plan_->owned_kernels.back().get();
     return true;
   }
@@ -314,6 +428,95 @@ class ChainFuser {
     *label = "SpaceToBatchND+" + *label + "+BatchToSpaceND";
     *input_slot = stb.input_slots[0];
     *value_slot = bts.first_output_slot;
+    return true;
+  }
+
+  // Which input (0 or 1) of a two-input step is a constant when the other
+  // is `value_slot`; -1 otherwise.
+  int ConstantOperand(const Plan::Step& step, int value_slot) const {
+    if (step.input_slots.size() != 2) return -1;
+    for (int k = 0; k < 2; ++k) {
+      if (step.input_slots[1 - k] == value_slot && step.input_slots[k] != value_slot &&
+          Constant(step.input_slots[k]) != nullptr) {
+        return k;
+      }
+    }
+    return -1;
+  }
+
+  // A float constant that broadcasts along the channels of an NHWC value
+  // without changing its shape: one value, or out_c values in the last dim.
+  static bool IsChannelConstant(const Tensor& t, int64_t out_c) {
+    if (t.dtype() != TF_FLOAT || t.rank() > 4) return false;
+    for (int d = 0; d + 1 < t.rank(); ++d) {
+      if (t.dim(d) != 1) return false;
+    }
+    return t.num_elements() == 1 || (t.rank() > 0 && t.num_elements() == out_c);
+  }
+
+  // A Minimum (`upper`) or Maximum with a scalar float constant, as a clip:
+  // a new one, or merged into the clip just before it. A chain holds at
+  // most one clip: oneDNN 2.6 gives two clip post-ops the first one's
+  // bounds.
+  static bool AddClip(const Tensor& t, bool upper, ConvChainDef* chain) {
+    if (t.dtype() != TF_FLOAT || t.rank() > 4 || t.num_elements() != 1) return false;
+    const float bound = t.data<float>()[0];
+    if (std::isnan(bound)) return false;
+    std::vector<ConvPostOp>& ops = chain->post_ops;
+    const bool merge = !ops.empty() && ops.back().kind == ConvPostOp::kClip;
+    if (!merge) {
+      for (const ConvPostOp& op : ops) {
+        if (op.kind == ConvPostOp::kClip) return false;
+      }
+    }
+    ConvPostOp clip;
+    clip.kind = ConvPostOp::kClip;
+    clip.alpha = -std::numeric_limits<float>::max();
+    clip.beta = std::numeric_limits<float>::max();
+    if (merge) clip = ops.back();
+    if (upper) {
+      clip.beta = std::min(clip.beta, bound);
+    } else {
+      clip.alpha = std::max(clip.alpha, bound);
+    }
+    // min then max with crossed bounds is a constant, which a clip is not.
+    if (clip.alpha > clip.beta) return false;
+    if (merge) {
+      ops.back() = clip;
+    } else {
+      ops.push_back(clip);
+    }
+    return true;
+  }
+
+  // Adds a channel constant to the chain's bias, or scales its filter and
+  // bias by one.
+  static bool FoldChannelConstant(const Tensor& t, bool add, int64_t out_c,
+                                  ConvChainDef* chain) {
+    if (!IsChannelConstant(t, out_c)) return false;
+    const float* v = t.data<float>();
+    auto at = [&](int64_t c) { return t.num_elements() == 1 ? v[0] : v[c]; };
+    Tensor bias;
+    if (!Tensor::Allocate(TF_FLOAT, Shape({out_c}), &bias).ok()) return false;
+    const float* old_bias = chain->bias.valid() ? chain->bias.data<float>() : nullptr;
+    if (add) {
+      for (int64_t c = 0; c < out_c; ++c) {
+        bias.data<float>()[c] = (old_bias ? old_bias[c] : 0.0f) + at(c);
+      }
+      chain->bias = bias;
+      return true;
+    }
+    const Tensor& source = chain->fused_filter.valid() ? chain->fused_filter : chain->filter;
+    Tensor filter;
+    if (!Tensor::Allocate(TF_FLOAT, source.shape(), &filter).ok()) return false;
+    const float* w = source.data<float>();
+    float* fw = filter.data<float>();
+    for (int64_t i = 0; i < source.num_elements(); ++i) fw[i] = w[i] * at(i % out_c);
+    chain->fused_filter = filter;
+    if (old_bias != nullptr) {
+      for (int64_t c = 0; c < out_c; ++c) bias.data<float>()[c] = old_bias[c] * at(c);
+      chain->bias = bias;
+    }
     return true;
   }
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <limits>
 #include <new>
+#include <vector>
 
 namespace minitf {
 
@@ -95,10 +96,30 @@ void BufferCache::Expect(size_t run_bytes) {
 
 bool BufferCache::Give(void* data, size_t capacity) {
   if (capacity < kMinBytes) return false;
-  std::lock_guard<std::mutex> lock(mu_);
-  if (cached_ + capacity > limit_) return false;
-  free_.emplace(capacity, data);
-  cached_ += capacity;
+  std::vector<void*> evicted;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (capacity > limit_) return false;
+    if (cached_ + capacity > limit_) {
+      // Smaller blocks make way for a larger one: large blocks are the ones
+      // malloc hands back to the system, so that every run would touch
+      // fresh pages again; small ones it recycles itself.
+      size_t freed = 0;
+      auto end = free_.begin();
+      while (end != free_.end() && end->first < capacity &&
+             cached_ - freed + capacity > limit_) {
+        freed += end->first;
+        ++end;
+      }
+      if (cached_ - freed + capacity > limit_) return false;
+      for (auto it = free_.begin(); it != end; ++it) evicted.push_back(it->second);
+      free_.erase(free_.begin(), end);
+      cached_ -= freed;
+    }
+    free_.emplace(capacity, data);
+    cached_ += capacity;
+  }
+  for (void* block : evicted) std::free(block);
   return true;
 }
 

@@ -47,12 +47,15 @@ template <typename T> struct TypeTag { using type = T; };
 //     using T = typename decltype(tag)::type; ... return Status::OK(); });
 template <typename... Ts, typename Fn>
 Status DispatchType(DataType dt, Fn&& fn) {
-  Status result = Unimplemented("unsupported dtype ", DataTypeName(dt));
+  Status result;
   bool done = false;
   ((!done && dt == TypeOf<Ts>::value
         ? (result = fn(TypeTag<Ts>{}), done = true)
         : false),
    ...);
+  // The message is built only when needed: formatting it costs more than
+  // many kernels' whole work.
+  if (!done) return Unimplemented("unsupported dtype ", DataTypeName(dt));
   return result;
 }
 

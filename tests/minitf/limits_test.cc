@@ -351,4 +351,37 @@ TEST(BufferCacheTest, ReusesFreedMemoryWithinWhatRunsNeed) {
   EXPECT_EQ(budget->used(), kFloats);
 }
 
+// When full, the cache lets smaller blocks go to keep a larger one, so that
+// a run's big activations stop coming back as fresh pages every run.
+TEST(BufferCacheTest, LargerBlocksDisplaceSmallerOnesWhenFull) {
+  auto cache = std::make_shared<minitf::BufferCache>(size_t{1} << 30);
+  auto budget = std::make_shared<minitf::MemoryBudget>(int64_t{1} << 30);
+  budget->set_cache(cache);
+  const int64_t kSmall = 64 << 10, kBig = 3 * kSmall;  // floats: 256 and 768 KiB
+  cache->Expect(static_cast<size_t>(kBig * 4));
+  {
+    minitf::Tensor a, b;
+    ASSERT_TRUE(minitf::Tensor::Allocate(TF_FLOAT, minitf::Shape({kSmall}), &a, budget).ok());
+    ASSERT_TRUE(minitf::Tensor::Allocate(TF_FLOAT, minitf::Shape({kSmall}), &b, budget).ok());
+  }
+  EXPECT_EQ(cache->cached_bytes(), static_cast<size_t>(2 * kSmall * 4));
+  void* big_data = nullptr;
+  {
+    minitf::Tensor big;
+    ASSERT_TRUE(minitf::Tensor::Allocate(TF_FLOAT, minitf::Shape({kBig}), &big, budget).ok());
+    big_data = big.raw_data();
+  }
+  EXPECT_EQ(cache->cached_bytes(), static_cast<size_t>(kBig * 4));
+  minitf::Tensor again;
+  ASSERT_TRUE(minitf::Tensor::Allocate(TF_FLOAT, minitf::Shape({kBig}), &again, budget).ok());
+  EXPECT_EQ(again.raw_data(), big_data);
+  // A block larger than everything a run needs is never kept.
+  {
+    minitf::Tensor huge;
+    ASSERT_TRUE(
+        minitf::Tensor::Allocate(TF_FLOAT, minitf::Shape({2 * kBig}), &huge, budget).ok());
+  }
+  EXPECT_EQ(cache->cached_bytes(), 0u);
+}
+
 }  // namespace

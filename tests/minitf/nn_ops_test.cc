@@ -296,12 +296,14 @@ TEST(DnnlDifferentialTest, FusedChainMatchesReferenceSteps) {
       case ConvPostOp::kSigmoid: return 1.0f / (1.0f + std::exp(-v));
       case ConvPostOp::kTanh: return std::tanh(v);
       case ConvPostOp::kAddResidual: return v + residual;
+      case ConvPostOp::kClip: return std::min(std::max(v, op.alpha), op.beta);
     }
     return v;
   };
   const std::vector<std::vector<ConvPostOp>> chains = {
       {},
       {{ConvPostOp::kRelu6}},
+      {{ConvPostOp::kLeakyRelu, 0.2f}, {ConvPostOp::kClip, -0.1f, 0.4f}},
       {{ConvPostOp::kAddResidual}, {ConvPostOp::kRelu}},
       {{ConvPostOp::kLeakyRelu, 0.1f}, {ConvPostOp::kAddResidual}},
       {{ConvPostOp::kElu}},

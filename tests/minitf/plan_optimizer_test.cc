@@ -232,6 +232,63 @@ TEST(ConvChainPlanTest, BatchNormAndDilationAreFoldedIntoTheChain) {
   ExpectSameAsUnfused(g, {{"x", x.get()}}, {"act"});
 }
 
+// Constants added or multiplied per channel (a batch norm written as Mul and
+// Add) and Minimum / Maximum clips after a convolution without BiasAdd;
+// a constant that varies along rows must stay unfused.
+TEST(ConvChainTest, ChannelConstantsAndClipsMatchUnfused) {
+  std::mt19937 rng(5);
+  for (bool depthwise : {false, true}) {
+    for (int form = 0; form < 3; ++form) {
+      GraphBuilder g;
+      g.Placeholder("x", TF_FLOAT);
+      const Dims w_dims = depthwise ? Dims{3, 3, 4, 1} : Dims{3, 3, 4, 4};
+      g.Const<float>("w", w_dims, Random(rng, Count(w_dims)));
+      g.Node(depthwise ? "DepthwiseConv2dNative" : "Conv2D", "conv").Input("x").Input("w")
+          .Attr("T", TF_FLOAT).Attr("strides", L{1, 1, 1, 1}).Attr("padding", "SAME");
+      const Dims scale_dims = form == 2 ? Dims{1, 7, 1, 1} : form == 1 ? Dims{} : Dims{1, 1, 1, 4};
+      g.Const<float>("scale", scale_dims, Random(rng, Count(scale_dims)));
+      g.Const<float>("shift", {4}, Random(rng, 4));
+      g.Const<float>("hi", {}, {0.3f});
+      g.Const<float>("lo", {1, 1}, {-0.2f});
+      g.Binary("Mul", "mul", "conv", "scale");
+      g.Binary(form == 1 ? "Add" : "AddV2", "add", "shift", "mul");
+      g.Node("Relu", "relu").Input("add").Attr("T", TF_FLOAT);
+      g.Binary("Minimum", "min", form == 1 ? "add" : "relu", "hi");
+      g.Binary("Maximum", "max", "lo", "min");
+      auto x = MakeTensor<float>({1, 7, 6, 4}, Random(rng, 168));
+      SCOPED_TRACE(std::string(depthwise ? "depthwise" : "conv") + " form " +
+                   std::to_string(form));
+      ExpectSameAsUnfused(g, {{"x", x.get()}}, {"max"});
+    }
+  }
+}
+
+// PReLU written out as Add(Relu(x) or x, Mul(Sub(x, Abs(x)), alpha)) runs
+// as one step; alphas that do not broadcast along the last dimension, and
+// an intermediate read elsewhere, keep the unfused kernels' results.
+TEST(PreluRewriteTest, WrittenOutPreluMatchesUnfused) {
+  std::mt19937 rng(9);
+  const std::vector<Dims> alphas = {{4}, {1, 1, 1, 4}, {}, {6, 1}, {1, 7, 1, 1}};
+  for (size_t a = 0; a < alphas.size(); ++a) {
+    for (int form = 0; form < 3; ++form) {
+      GraphBuilder g;
+      g.Placeholder("x", TF_FLOAT);
+      g.Const<float>("alpha", alphas[a], Random(rng, Count(alphas[a])));
+      g.Node("Abs", "abs").Input("x").Attr("T", TF_FLOAT);
+      g.Binary("Sub", "sub", "x", "abs");
+      g.Binary("Mul", "mul", form == 1 ? "alpha" : "sub", form == 1 ? "sub" : "alpha");
+      g.Node("Relu", "relu").Input("x").Attr("T", TF_FLOAT);
+      g.Binary(form == 1 ? "Add" : "AddV2", "out", form == 0 ? "relu" : "mul",
+               form == 0 ? "mul" : "x");
+      std::vector<std::string> fetches = {"out"};
+      if (form == 2) fetches.push_back("sub");
+      auto x = MakeTensor<float>({1, 7, 6, 4}, Random(rng, 168));
+      SCOPED_TRACE("alpha " + std::to_string(a) + " form " + std::to_string(form));
+      ExpectSameAsUnfused(g, {{"x", x.get()}}, fetches);
+    }
+  }
+}
+
 TEST(ConvChainEdgeTest, FetchedOrSharedIntermediatesStayCorrect) {
   std::mt19937 rng(5);
   GraphBuilder g;

@@ -4,6 +4,7 @@
 #include <limits>
 #include <type_traits>
 
+#include "kernels/dnnl/eltwise.h"
 #include "kernels/elementwise.h"
 #include "op_registry.h"
 
@@ -177,6 +178,35 @@ class LogicalNotKernel : public OpKernel {
   }
 };
 
+// Tanh and Sigmoid: float tensors of some size go through oneDNN's
+// vectorised primitive, everything else through the scalar loop.
+template <typename Op, DnnlEltwise::Kind kKind>
+class ActivationKernel : public UnaryKernel<Op, float, double> {
+ public:
+  Status Compute(OpContext* ctx) const override {
+    const Tensor& x = ctx->input(0);
+    // Below this a primitive call costs more than the scalar loop.
+    constexpr int64_t kMinFastElements = 64;
+    if (x.dtype() != TF_FLOAT || x.num_elements() < kMinFastElements) {
+      return UnaryKernel<Op, float, double>::Compute(ctx);
+    }
+    Tensor* y = nullptr;
+    MINITF_RETURN_IF_ERROR(ctx->forward_input_or_allocate_output({0}, 0, x.shape(), &y));
+    const float* in = x.data<float>();
+    float* out = y->data<float>();
+    if (fast_.Run(x.num_elements(), in, out, ctx->pool())) return Status::OK();
+    if (in == out) return Internal("oneDNN failed in place (node ", ctx->node_name(), ")");
+    const Op op;
+    ctx->ParallelFor(x.num_elements(), Op::kCost, [&](int64_t b, int64_t e) {
+      for (int64_t i = b; i < e; ++i) out[i] = op(in[i]);
+    });
+    return Status::OK();
+  }
+
+ private:
+  DnnlEltwise fast_{kKind};
+};
+
 OpDef UnaryDef(const char* name, const char* types) {
   return OpDef(name).Input("x: T").Output("y: T").Attr(types);
 }
@@ -211,8 +241,10 @@ void RegisterUnaryOps(OpRegistry& r) {
   r.Register(UnaryDef("Sqrt", kFloatTypes), FloatKernel<SqrtOp>());
   r.Register(UnaryDef("Rsqrt", kFloatTypes), FloatKernel<RsqrtOp>());
   r.Register(UnaryDef("Reciprocal", kFloatTypes), FloatKernel<ReciprocalOp>());
-  r.Register(UnaryDef("Sigmoid", kFloatTypes), FloatKernel<SigmoidOp>());
-  r.Register(UnaryDef("Tanh", kFloatTypes), FloatKernel<TanhOp>());
+  r.Register(UnaryDef("Sigmoid", kFloatTypes),
+             MakeKernel<ActivationKernel<SigmoidOp, DnnlEltwise::kSigmoid>>);
+  r.Register(UnaryDef("Tanh", kFloatTypes),
+             MakeKernel<ActivationKernel<TanhOp, DnnlEltwise::kTanh>>);
   r.Register(UnaryDef("Erf", kFloatTypes), FloatKernel<ErfOp>());
   r.Register(OpDef("Softplus").Input("features: T").Output("activations: T").Attr(kFloatTypes),
              FloatKernel<SoftplusOp>());

@@ -56,6 +56,9 @@ dnnl::post_ops MakePostOps(const std::vector<ConvPostOp>& ops) {
       case ConvPostOp::kAddResidual:
         post.append_sum(1.0f);
         break;
+      case ConvPostOp::kClip:
+        post.append_eltwise(1.0f, dnnl::algorithm::eltwise_clip, op.alpha, op.beta);
+        break;
     }
   }
   return post;

@@ -15,9 +15,10 @@ namespace minitf {
 
 // What a fused convolution applies to its result, in order.
 struct ConvPostOp {
-  enum Kind { kRelu, kRelu6, kLeakyRelu, kElu, kSigmoid, kTanh, kAddResidual };
+  enum Kind { kRelu, kRelu6, kLeakyRelu, kElu, kSigmoid, kTanh, kAddResidual, kClip };
   Kind kind = kRelu;
-  float alpha = 0;  // kLeakyRelu's slope
+  float alpha = 0;  // kLeakyRelu's slope; kClip's lower bound
+  float beta = 0;   // kClip's upper bound (at least alpha)
 };
 
 // The filter is laid out the way the primitive wants once per geometry, not

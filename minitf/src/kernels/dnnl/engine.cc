@@ -30,7 +30,7 @@ OneOmpThread::~OneOmpThread() {
 #endif
 }
 
-std::vector<int64_t> GeometryKey(const WindowGeometry& g) {
+PrimitiveKey GeometryKey(const WindowGeometry& g) {
   return {g.batch,    g.in_h,     g.in_w,    g.in_c,    g.k_h,        g.k_w,
           g.stride_h, g.stride_w, g.dil_h,   g.dil_w,   g.pad_top,    g.pad_bottom,
           g.pad_left, g.pad_right, g.out_h,  g.out_w,   g.out_c,      g.groups};

@@ -11,6 +11,7 @@
 #ifndef MINITF_KERNELS_DNNL_ENGINE_H_
 #define MINITF_KERNELS_DNNL_ENGINE_H_
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -53,7 +54,10 @@ class OneOmpThread {
   int previous_ = 1;
 };
 
-std::vector<int64_t> GeometryKey(const WindowGeometry& g);
+// A cache key: a window geometry's fields, or a size padded with zeros. A
+// fixed array, so that looking a primitive up allocates nothing.
+using PrimitiveKey = std::array<int64_t, 18>;
+PrimitiveKey GeometryKey(const WindowGeometry& g);
 bool AnyEmpty(const WindowGeometry& g);
 
 // Primitives by geometry. A geometry oneDNN refused is remembered as null
@@ -64,7 +68,7 @@ template <typename Entry>
 class PrimitiveCache {
  public:
   template <typename Make>
-  std::shared_ptr<const Entry> Get(const std::vector<int64_t>& key, Make make) {
+  std::shared_ptr<const Entry> Get(const PrimitiveKey& key, Make make) {
     std::lock_guard<std::mutex> lock(mu_);
     auto it = entries_.find(key);
     if (it != entries_.end()) return it->second;
@@ -84,7 +88,7 @@ class PrimitiveCache {
  private:
   static constexpr size_t kMaxEntries = 32;
   std::mutex mu_;
-  std::map<std::vector<int64_t>, std::shared_ptr<const Entry>> entries_;
+  std::map<PrimitiveKey, std::shared_ptr<const Entry>> entries_;
 };
 
 // An NHWC activation.
