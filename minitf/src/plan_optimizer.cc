@@ -471,8 +471,8 @@ class ChainFuser {
     }
     ConvPostOp clip;
     clip.kind = ConvPostOp::kClip;
-    clip.alpha = -std::numeric_limits<float>::max();
-    clip.beta = std::numeric_limits<float>::max();
+    clip.alpha = -std::numeric_limits<float>::infinity();
+    clip.beta = std::numeric_limits<float>::infinity();
     if (merge) clip = ops.back();
     if (upper) {
       clip.beta = std::min(clip.beta, bound);
