@@ -96,11 +96,6 @@ TEST(Adapters, EachGraphMeetsItsTypesContract) {
   }
 }
 
-// The models run on the astronaut (512x512, an adult woman, smiling; by eye
-// her nose tip is near (222, 130), her shoulders at y ~260..320) and on
-// Messi (an adult man) in messi5.jpg; the face models on crops of the faces
-// the face detector finds, as a host would chain them.
-
 // Crops of equal size, back to back, as one batch.
 std::vector<float> Embeddings(void* model, const std::vector<cv::Mat>& crops) {
   std::vector<uint8_t> bytes;
@@ -117,6 +112,10 @@ double Distance(const std::vector<float>& rows, size_t n, int a, int b) {
   return std::sqrt(sum);
 }
 
+// The models run on the astronaut (512x512, an adult woman, smiling; by eye
+// her nose tip is near (222, 130), her shoulders at y ~260..320) and on
+// Messi (an adult man) in messi5.jpg; the face models on crops of the faces
+// the face detector finds, as a host would chain them.
 class RealPictures : public testing::Test {
  protected:
   void SetUp() override {
