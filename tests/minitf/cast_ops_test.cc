@@ -83,28 +83,20 @@ TEST(CastOpsTest, IntegersBoolsAndFloats) {
   const float kNan = std::numeric_limits<float>::quiet_NaN();
   EXPECT_EQ((Cast<float, bool>({0.f, -0.f, kNan, 0.1f})),
             (std::vector<bool>{false, false, true, true}));
-  EXPECT_EQ((Cast<bool, float>({true, false})), (std::vector<float>{1, 0}));
-  EXPECT_EQ((Cast<bool, int64_t>({false, true})), (std::vector<int64_t>{0, 1}));
   // Integer narrowing keeps the low bits.
   EXPECT_EQ((Cast<int64_t, int32_t>({(INT64_C(1) << 32) + 5, -1})), (std::vector<int32_t>{5, -1}));
   EXPECT_EQ((Cast<int32_t, uint8_t>({257, -1})), (std::vector<uint8_t>{1, 255}));
-  EXPECT_EQ((Cast<uint8_t, int32_t>({200, 0})), (std::vector<int32_t>{200, 0}));
-  EXPECT_EQ((Cast<uint8_t, float>({255})), (std::vector<float>{255}));
   // Float rounding of wide integers and doubles.
   EXPECT_EQ((Cast<int32_t, float>({16777217})), (std::vector<float>{16777216}));
   EXPECT_EQ((Cast<double, float>({0.1})), (std::vector<float>{0.1f}));
   EXPECT_EQ((Cast<float, double>({0.1f})), (std::vector<double>{static_cast<double>(0.1f)}));
-  // Same type and the Truncate attribute.
-  EXPECT_EQ((Cast<float, float>({1.5f, -2})), (std::vector<float>{1.5f, -2}));
+  // The Truncate attribute.
   EXPECT_EQ((Cast<double, int32_t>({2.5}, /*truncate=*/true)), (std::vector<int32_t>{2}));
 }
 
 TEST(CastOpsTest, ShapesAndUnsupportedTypes) {
   EXPECT_EQ(RunDims(OneOp("Cast").In<float>({0, 2}, {}).Attr("SrcT", TF_FLOAT)
       .Attr("DstT", TF_INT32)), (Dims{0, 2}));
-
-  ExpectOutput<double>(OneOp("Cast").In<int32_t>({2, 2}, {1, 2, 3, 4}).Attr("SrcT", TF_INT32)
-      .Attr("DstT", TF_DOUBLE), {2, 2}, (std::vector<double>{1, 2, 3, 4}));
 
   OneOp half("Cast");
   half.In<float>({1}, {1}).Attr("SrcT", TF_FLOAT).Attr("DstT", TF_HALF);
@@ -207,34 +199,11 @@ TEST(DequantizeOpsTest, EveryQuantizedTypeAndModeMatchesDefinition) {
   CheckAllModes<uint16_t>(TF_QUINT16);
   CheckAllModes<int16_t>(TF_QINT16);
   CheckAllModes<int32_t>(TF_QINT32);
-  // The ends of the range land on min and max.
-  std::vector<float> got;
-  std::string error;
-  ASSERT_EQ(Dequantize<int8_t>(TF_QINT8, {2}, {-128, 127}, {-1.0f}, {1.0f}, "MIN_COMBINED",
-                               false, -1, &got, &error), TF_OK) << error;
-  EXPECT_NEAR(got[0], -1.0f, 1e-6f);
-  EXPECT_NEAR(got[1], 1.0f, 1e-6f);
 }
 
-TEST(DequantizeOpsTest, QuantizedConstantsAndBadRanges) {
-  // A quint8 constant, as 8-bit frozen graphs store their weights.
-  GraphBuilder g;
-  auto proto = testing_support::MakeTensorProto<uint8_t>({3}, {0, 128, 255});
-  proto.set_dtype(static_cast<minitf::pb::DataType>(TF_QUINT8));
-  g.Node("Const", "w").Attr("dtype", TF_QUINT8).Attr("value", proto);
-  g.Const<float>("min", {}, {0.0f});
-  g.Const<float>("max", {}, {255.0f});
-  g.Node("Dequantize", "dq").Input("w").Input("min").Input("max").Attr("T", TF_QUINT8)
-      .Attr("mode", "MIN_FIRST");
-  TestSession session(g.Serialize());
-  ASSERT_EQ(session.code(), TF_OK) << session.message();
-  TensorPtr out = session.RunOne("dq");
-  ASSERT_NE(out, nullptr) << session.last_error();
-  const std::vector<float> v = Values<float>(out.get());
-  EXPECT_NEAR(v[0], 0.0f, 1e-5f);
-  EXPECT_NEAR(v[1], 128.0f * 256 / 255 * 255 / 256, 1e-3f);
-  EXPECT_NEAR(v[2], 255.0f, 1e-3f);
-
+TEST(DequantizeOpsTest, BadRanges) {
+  // quint8 constants, as 8-bit frozen graphs store their weights, run in the
+  // real res10 face detector graph against TensorFlow's outputs.
   std::vector<float> got;
   std::string error;
   // Ranges of the wrong size for the axis or the tensor; axis beyond the rank.

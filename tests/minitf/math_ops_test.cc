@@ -48,17 +48,13 @@ std::vector<T> Unary(const std::string& op, const std::vector<T>& x) {
 }
 
 TEST(BinaryOpsTest, FloatArithmetic) {
+  // Plain float arithmetic runs in every real-model golden; here the
+  // aliases, signed zeros and IEEE corners.
   const std::vector<float> x{1.5f, -2, 0, 4}, y{0.5f, 4, -3, -8};
   for (const char* op : {"Add", "AddV2"})
     EXPECT_EQ(Binary<float>(op, {4}, x, {4}, y), (std::vector<float>{2, 2, -3, -4})) << op;
-  EXPECT_EQ(Binary<float>("Sub", {4}, x, {4}, y), (std::vector<float>{1, -6, 3, 12}));
-  EXPECT_EQ(Binary<float>("Mul", {4}, x, {4}, y), (std::vector<float>{0.75f, -8, -0.f, -32}));
   for (const char* op : {"RealDiv", "Div"})
     EXPECT_EQ(Binary<float>(op, {4}, x, {4}, y), (std::vector<float>{3, -0.5f, -0.f, -0.5f})) << op;
-  EXPECT_EQ(Binary<float>("Maximum", {4}, x, {4}, y), (std::vector<float>{1.5f, 4, 0, 4}));
-  EXPECT_EQ(Binary<float>("Minimum", {4}, x, {4}, y), (std::vector<float>{0.5f, -2, -3, -8}));
-  EXPECT_EQ(Binary<float>("SquaredDifference", {4}, x, {4}, y),
-            (std::vector<float>{1, 36, 9, 144}));
   ExpectNear(Binary<float>("Pow", {3}, {2, 9, 0.5f}, {3}, {10, 0.5f, -1}), {1024, 3, 2});
   // Float division by zero is IEEE, not an error.
   const auto q = Binary<float>("RealDiv", {3}, {1, -1, 0}, {1}, {0});
@@ -119,22 +115,9 @@ TEST(BinaryOpsTest, IntegerArithmeticWraps) {
   EXPECT_EQ(Binary<int32_t>("Maximum", {3}, {-5, 2, 9}, {}, {3}), (std::vector<int32_t>{3, 3, 9}));
 }
 
-TEST(BroadcastTest, ShapesCombineLikeNumpy) {
+// Shapes of every rank against a reference are in RandomShapesMatchReference.
+TEST(BroadcastTest, ScalarsEmptyShapesAndTheError) {
   Dims dims;
-  // [2,1,3] with [4,1]: both operands repeat along different axes.
-  const std::vector<int32_t> x{0, 1, 2, 10, 11, 12}, y{100, 200, 300, 400};
-  EXPECT_EQ(Binary<int32_t>("Add", {2, 1, 3}, x, {4, 1}, y, &dims),
-            (std::vector<int32_t>{100, 101, 102, 200, 201, 202, 300, 301, 302, 400, 401, 402,
-                                  110, 111, 112, 210, 211, 212, 310, 311, 312, 410, 411, 412}));
-  EXPECT_EQ(dims, (Dims{2, 4, 3}));
-  // Operand order matters for Sub.
-  EXPECT_EQ(Binary<int32_t>("Sub", {4, 1}, y, {2, 1, 3}, x, &dims),
-            (std::vector<int32_t>{100, 99, 98, 200, 199, 198, 300, 299, 298, 400, 399, 398,
-                                  90, 89, 88, 190, 189, 188, 290, 289, 288, 390, 389, 388}));
-  // Column times row.
-  EXPECT_EQ(Binary<int32_t>("Mul", {3, 1}, {1, 2, 3}, {1, 4}, {1, 10, 100, 1000}, &dims),
-            (std::vector<int32_t>{1, 10, 100, 1000, 2, 20, 200, 2000, 3, 30, 300, 3000}));
-  EXPECT_EQ(dims, (Dims{3, 4}));
   // Scalars on either side, and a one-element tensor of higher rank.
   EXPECT_EQ(Binary<float>("Sub", {}, {10}, {3}, {1, 2, 3}), (std::vector<float>{9, 8, 7}));
   EXPECT_EQ(Binary<float>("Sub", {3}, {1, 2, 3}, {}, {10}), (std::vector<float>{-9, -8, -7}));
@@ -257,7 +240,6 @@ TEST(UnaryOpsTest, FloatFunctions) {
              {0.5f, 0.88079708f, 0.11920292f, 0, 1});
   ExpectNear(Unary<float>("Tanh", {0, 0.5f, -3}), {0, 0.46211716f, -0.99505475f});
   ExpectNear(Unary<float>("Erf", {0, 0.5f, -1}), {0, 0.52049988f, -0.84270079f});
-  ExpectNear(Unary<float>("Square", {3, -1.5f}), {9, 2.25f});
   // Softplus: log(1+e^x), with its large and small tails.
   OneOp softplus("Softplus");
   softplus.In<float>({4}, {0, 1, 20, -20}).Attr("T", TF_FLOAT);
@@ -280,7 +262,6 @@ TEST(UnaryOpsTest, RoundingSignsAndIntegers) {
   const int32_t kMin = std::numeric_limits<int32_t>::min();
   EXPECT_EQ(Unary<int32_t>("Neg", {5, -7, kMin}), (std::vector<int32_t>{-5, 7, kMin}));
   EXPECT_EQ(Unary<int32_t>("Abs", {5, -7, kMin}), (std::vector<int32_t>{5, 7, kMin}));
-  EXPECT_EQ(Unary<float>("Abs", {-0.5f, 2}), (std::vector<float>{0.5f, 2}));
   EXPECT_EQ(Unary<uint8_t>("Square", {3, 16}), (std::vector<uint8_t>{9, 0}));
 
   EXPECT_EQ(RunOk<bool>(OneOp("LogicalNot")
@@ -289,11 +270,10 @@ TEST(UnaryOpsTest, RoundingSignsAndIntegers) {
   EXPECT_EQ(RunDims(OneOp("Exp").In<float>({2, 0}, {}).Attr("T", TF_FLOAT)), (Dims{2, 0}));
 }
 
+// Float Relu and Relu6 run in every real-model golden.
 TEST(ActivationOpsTest, Rectifiers) {
-  EXPECT_EQ(Unary<float>("Relu", {-1, 0, 2.5f}), (std::vector<float>{0, 0, 2.5f}));
   EXPECT_TRUE(std::isnan(Unary<float>("Relu", {kNan})[0]));
   EXPECT_EQ(Unary<int32_t>("Relu", {-4, 4}), (std::vector<int32_t>{0, 4}));
-  EXPECT_EQ(Unary<float>("Relu6", {-1, 3, 7, 6}), (std::vector<float>{0, 3, 6, 6}));
   EXPECT_EQ(Unary<uint8_t>("Relu6", {0, 5, 200}), (std::vector<uint8_t>{0, 5, 6}));
 
   // alpha and T left to their defaults
@@ -329,20 +309,8 @@ TEST(ActivationOpsTest, SoftmaxOverTheLastAxis) {
 }
 
 TEST(UnaryOpsTest, TrigSoftsignAndFloatClasses) {
-  std::mt19937 rng(7);
-  std::uniform_real_distribution<float> u(-20, 20);
-  std::vector<float> x(257);
-  for (float& v : x) v = u(rng);
-  const auto sin = Unary<float>("Sin", x), cos = Unary<float>("Cos", x),
-             softsign = Unary<float>("Softsign", x);
-  ASSERT_EQ(sin.size(), x.size());
-  ASSERT_EQ(cos.size(), x.size());
-  ASSERT_EQ(softsign.size(), x.size());
-  for (size_t i = 0; i < x.size(); ++i) {
-    EXPECT_NEAR(sin[i], std::sin(double(x[i])), 1e-6) << x[i];
-    EXPECT_NEAR(cos[i], std::cos(double(x[i])), 1e-6) << x[i];
-    EXPECT_NEAR(softsign[i], x[i] / (1 + std::fabs(double(x[i]))), 1e-6) << x[i];
-  }
+  ExpectNear(Unary<float>("Sin", {0, 1.5707963f, -3}), {0, 1, -0.14112001f});
+  ExpectNear(Unary<float>("Cos", {0, 3.1415927f}), {1, -1});
   EXPECT_EQ(Unary<double>("Softsign", {-3, 0, 1}), (std::vector<double>{-0.75, 0, 0.5}));
   // Atan2(y, x) keeps the quadrant.
   ExpectNear(Binary<float>("Atan2", {4}, {1, 1, -1, 0}, {4}, {1, -1, -1, -2}),
@@ -375,24 +343,12 @@ TEST(BinaryOpsTest, BitwiseAndShiftsLikeTensorFlow) {
             (std::vector<int8_t>{-1, -5, -1, -1}));
   EXPECT_EQ(Binary<uint8_t>("RightShift", {3}, {255, 128, 7}, {1}, {9}),
             (std::vector<uint8_t>{1, 1, 0}));
-  std::mt19937 rng(11);
-  std::uniform_int_distribution<int32_t> u(std::numeric_limits<int32_t>::min(),
-                                           std::numeric_limits<int32_t>::max());
-  std::vector<int32_t> x(24), y(4);
-  for (auto& v : x) v = u(rng);
-  for (auto& v : y) v = u(rng);
   // y broadcasts along the rows of x.
-  const auto a = Binary<int32_t>("BitwiseAnd", {6, 4}, x, {4}, y);
-  const auto o = Binary<int32_t>("BitwiseOr", {6, 4}, x, {4}, y);
-  const auto e = Binary<int32_t>("BitwiseXor", {6, 4}, x, {4}, y);
-  ASSERT_EQ(a.size(), x.size());
-  ASSERT_EQ(o.size(), x.size());
-  ASSERT_EQ(e.size(), x.size());
-  for (size_t i = 0; i < x.size(); ++i) {
-    EXPECT_EQ(a[i], x[i] & y[i % 4]);
-    EXPECT_EQ(o[i], x[i] | y[i % 4]);
-    EXPECT_EQ(e[i], x[i] ^ y[i % 4]);
-  }
+  const std::vector<int32_t> x{12, -1, 0, 5}, y{10, -8};
+  EXPECT_EQ(Binary<int32_t>("BitwiseAnd", {2, 2}, x, {2}, y), (std::vector<int32_t>{8, -8, 0, 0}));
+  EXPECT_EQ(Binary<int32_t>("BitwiseOr", {2, 2}, x, {2}, y),
+            (std::vector<int32_t>{14, -1, 10, -3}));
+  EXPECT_EQ(Binary<int32_t>("BitwiseXor", {2, 2}, x, {2}, y), (std::vector<int32_t>{6, 7, 10, -3}));
   OneOp float_and("BitwiseAnd");
   float_and.In<float>({1}, {1}).In<float>({1}, {1}).Attr("T", TF_FLOAT);
   EXPECT_NE(float_and.Run(), TF_OK);
@@ -403,14 +359,11 @@ TEST(SelectOpsTest, ClipSelectAndSelectV2) {
   clip.In<float>({2, 3}, {-5, 0.5f, 7, kNan, 2, -1}).In<float>({}, {0}).In<float>({}, {2})
       .Attr("T", TF_FLOAT);
   ASSERT_EQ(clip.Run(), TF_OK) << clip.error();
-  const auto c = clip.Output<float>();
+  auto c = clip.Output<float>();
   ASSERT_EQ(c.size(), 6u);
-  EXPECT_EQ(c[0], 0);
-  EXPECT_EQ(c[1], 0.5f);
-  EXPECT_EQ(c[2], 2);
   EXPECT_TRUE(std::isnan(c[3]));
-  EXPECT_EQ(c[4], 2);
-  EXPECT_EQ(c[5], 0);
+  c[3] = -9;
+  EXPECT_EQ(c, (std::vector<float>{0, 0.5f, 2, -9, 2, 0}));
   // Per-element bounds; where min > max the minimum wins.
   EXPECT_EQ(RunOk<int32_t>(OneOp("ClipByValue").In<int32_t>({3}, {5, 5, 5})
       .In<int32_t>({3}, {0, 6, 9}).In<int32_t>({3}, {4, 8, 1})
@@ -431,62 +384,23 @@ TEST(SelectOpsTest, ClipSelectAndSelectV2) {
   // SelectV2 broadcasts all three: cond [2,1], then [3], else scalar.
   ExpectOutput<float>(OneOp("SelectV2").In<bool>({2, 1}, {true, false}).In<float>({3}, {1, 2, 3})
       .In<float>({}, {-1}).Attr("T", TF_FLOAT), {2, 3}, (std::vector<float>{1, 2, 3, -1, -1, -1}));
-  // A larger case against a direct loop.
-  std::mt19937 rng(5);
-  std::vector<bool> cond(4 * 5);
-  std::vector<int64_t> t(3 * 1 * 5), e(3 * 4 * 1);
-  for (size_t i = 0; i < cond.size(); ++i) cond[i] = rng() % 2;
-  for (auto& v : t) v = rng() % 1000;
-  for (auto& v : e) v = -static_cast<int64_t>(rng() % 1000);
-  OneOp big("SelectV2");
-  big.In<bool>({4, 5}, cond).In<int64_t>({3, 1, 5}, t).In<int64_t>({3, 4, 1}, e)
-      .Attr("T", TF_INT64);
-  ASSERT_EQ(big.Run(), TF_OK) << big.error();
-  const auto got = big.Output<int64_t>();
-  ASSERT_EQ(got.size(), 60u);
-  for (int a = 0; a < 3; ++a) {
-    for (int b = 0; b < 4; ++b) {
-      for (int k = 0; k < 5; ++k) {
-        const int64_t want = cond[b * 5 + k] ? t[a * 5 + k] : e[a * 4 + b];
-        EXPECT_EQ(got[(a * 4 + b) * 5 + k], want) << a << "," << b << "," << k;
-      }
-    }
-  }
   ExpectRunError(OneOp("SelectV2").In<bool>({2}, {true, false}).In<float>({3}, {1, 2, 3})
       .In<float>({}, {0}).Attr("T", TF_FLOAT));
 }
 
-// Cumsum against a direct sum over each line, in every mode.
+// Cumsum in each mode, along the last axis and (negatively named) the first.
 TEST(ScanOpsTest, CumsumModesAndAxes) {
-  EXPECT_EQ(RunOk<float>(OneOp("Cumsum").In<float>({2, 3}, {1, 2, 3, 4, 5, 6}).In<int32_t>({}, {1})
-      .Attr("T", TF_FLOAT).Attr("Tidx", TF_INT32).Attr("exclusive", true)
-      .Attr("reverse", true)), (std::vector<float>{5, 3, 0, 11, 6, 0}));
-  std::mt19937 rng(3);
-  std::vector<int32_t> x(3 * 4 * 5);
-  for (auto& v : x) v = static_cast<int32_t>(rng() % 200) - 100;
-  const int dims[3] = {3, 4, 5};
-  for (int axis = -3; axis < 3; ++axis) {
-    for (int mode = 0; mode < 4; ++mode) {
-      const bool exclusive = mode & 1, reverse = mode & 2;
-      OneOp op("Cumsum");
-      op.In<int32_t>({3, 4, 5}, x).In<int64_t>({}, {axis}).Attr("T", TF_INT32)
-          .Attr("Tidx", TF_INT64).Attr("exclusive", exclusive).Attr("reverse", reverse);
-      ASSERT_EQ(op.Run(), TF_OK) << op.error();
-      const auto got = op.Output<int32_t>();
-      const int ax = axis < 0 ? axis + 3 : axis;
-      int stride = 1;
-      for (int d = ax + 1; d < 3; ++d) stride *= dims[d];
-      for (int i = 0; i < 60; ++i) {
-        const int pos = (i / stride) % dims[ax];
-        int want = 0;
-        for (int k = 0; k < dims[ax]; ++k) {
-          const bool in = reverse ? (exclusive ? k > pos : k >= pos)
-                                  : (exclusive ? k < pos : k <= pos);
-          if (in) want += x[i + (k - pos) * stride];
-        }
-        ASSERT_EQ(got[i], want) << "axis " << axis << " mode " << mode << " at " << i;
-      }
-    }
+  struct Case { int32_t axis; bool exclusive, reverse; std::vector<int32_t> want; };
+  for (const Case& c : {Case{1, false, false, {1, 3, 6, 4, 9, 15}},
+                        Case{1, true, false, {0, 1, 3, 0, 4, 9}},
+                        Case{1, false, true, {6, 5, 3, 15, 11, 6}},
+                        Case{1, true, true, {5, 3, 0, 11, 6, 0}},
+                        Case{-2, false, false, {1, 2, 3, 5, 7, 9}},
+                        Case{-2, true, true, {4, 5, 6, 0, 0, 0}}}) {
+    EXPECT_EQ(RunOk<int32_t>(OneOp("Cumsum").In<int32_t>({2, 3}, {1, 2, 3, 4, 5, 6})
+        .In<int64_t>({}, {c.axis}).Attr("T", TF_INT32).Attr("Tidx", TF_INT64)
+        .Attr("exclusive", c.exclusive).Attr("reverse", c.reverse)), c.want)
+        << c.axis << c.exclusive << c.reverse;
   }
   ExpectRunError(OneOp("Cumsum").In<float>({2}, {1, 2}).In<int32_t>({}, {1}).Attr("T", TF_FLOAT)
       .Attr("Tidx", TF_INT32));

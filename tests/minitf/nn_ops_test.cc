@@ -37,13 +37,11 @@ const F kA = {1, 2, 3, 4, 5, 6};        // [[1,2,3],[4,5,6]]
 const F kB = {7, 8, 9, 10, 11, 12};     // [[7,8],[9,10],[11,12]]
 const F kAB = {58, 64, 139, 154};
 
-TEST(MatMulOpsTest, TransposesAndDtypes) {
+TEST(MatMulOpsTest, TransposesDtypesAndBadShapes) {
   const F a_t = {1, 4, 2, 5, 3, 6};     // kA stored transposed, [3,2]
   const F b_t = {7, 9, 11, 8, 10, 12};  // kB stored transposed, [2,3]
   struct Case { bool ta, tb; Dims da, db; F a, b; };
   for (const Case& c : {Case{false, false, {2, 3}, {3, 2}, kA, kB},
-                        Case{true, false, {3, 2}, {3, 2}, a_t, kB},
-                        Case{false, true, {2, 3}, {2, 3}, kA, b_t},
                         Case{true, true, {3, 2}, {2, 3}, a_t, b_t}}) {
     OneOp op("MatMul");
     op.In<float>(c.da, c.a).In<float>(c.db, c.b).Attr("T", TF_FLOAT)
@@ -60,10 +58,6 @@ TEST(MatMulOpsTest, TransposesAndDtypes) {
   // An empty inner dimension sums nothing: zeros, not garbage.
   ExpectOutput<float>(OneOp("MatMul").In<float>({2, 0}, {}).In<float>({0, 3}, {})
       .Attr("T", TF_FLOAT), {2, 3}, F(6, 0.0f));
-}
-
-TEST(MatMulOpsTest, RejectsBadShapes) {
-  ExpectRunError(OneOp("MatMul").In<float>({2, 3}, kA).In<float>({2, 3}, kB).Attr("T", TF_FLOAT));
   ExpectRunError(OneOp("MatMul").In<float>({6}, kA).In<float>({3, 2}, kB).Attr("T", TF_FLOAT));
   // transpose_b makes [3,2] x [2,3]^T mismatch.
   ExpectRunError(OneOp("MatMul").In<float>({2, 3}, kA).In<float>({3, 2}, kB).Attr("T", TF_FLOAT)
@@ -88,13 +82,9 @@ TEST(MatMulOpsTest, BatchMatMulBroadcastsAndAdjoints) {
   // the first version does not broadcast
   ExpectRunError(OneOp("BatchMatMul").In<float>({2, 2, 2}, x).In<float>({1, 2, 2}, {5, 6, 7, 8})
       .Attr("T", TF_FLOAT));
-  ExpectRunError(OneOp("BatchMatMulV2").In<float>({2}, {1, 2}).In<float>({2, 2}, {5, 6, 7, 8})
-      .Attr("T", TF_FLOAT));
 }
 
 TEST(MatMulOpsTest, BiasAddAlongTheChannelDimension) {
-  ExpectOutput<float>(OneOp("BiasAdd").In<float>({1, 2, 3}, {0, 1, 2, 3, 4, 5})
-      .In<float>({3}, {10, 20, 30}).Attr("T", TF_FLOAT), {1, 2, 3}, (F{10, 21, 32, 13, 24, 35}));
   EXPECT_EQ(RunOk<float>(OneOp("BiasAdd").In<float>({1, 3, 2}, {0, 1, 2, 3, 4, 5})
       .In<float>({3}, {10, 20, 30}).Attr("T", TF_FLOAT)
       .Attr("data_format", "NCHW")), (F{10, 11, 22, 23, 34, 35}));
@@ -102,8 +92,6 @@ TEST(MatMulOpsTest, BiasAddAlongTheChannelDimension) {
       .In<int32_t>({2}, {-1, 100}).Attr("T", TF_INT32)), (std::vector<int32_t>{0, 102, 2, 104}));
 
   ExpectRunError(OneOp("BiasAdd").In<float>({2, 3}, kA).In<float>({2}, {1, 2}).Attr("T", TF_FLOAT));
-  ExpectRunError(OneOp("BiasAdd").In<float>({2, 3}, kA).In<float>({1, 3}, {1, 2, 3})
-      .Attr("T", TF_FLOAT));
   ExpectRunError(OneOp("BiasAdd").In<float>({3}, {1, 2, 3}).In<float>({3}, {1, 2, 3})
       .Attr("T", TF_FLOAT));
 }
@@ -115,12 +103,7 @@ const F kDiag = {1, 0, 0, 1};
 
 // Float convolutions at every padding, stride and dilation are checked
 // against TF.js's results and, on oneDNN, against the reference loops below.
-TEST(ConvOpsTest, ChannelsBatchesAndDtypes) {
-  // Two images of two channels into three output channels through 1x1.
-  const F filter = {1, 2, 3, 4, 5, 6};  // [1,1,2,3]
-  ExpectOutput<float>(OneOp("Conv2D").In<float>({2, 1, 1, 2}, {1, 2, 3, 4})
-      .In<float>({1, 1, 2, 3}, filter).Attr("T", TF_FLOAT).Attr("padding", "VALID")
-      .Attr("strides", L{1, 1, 1, 1}), {2, 1, 1, 3}, (F{9, 12, 15, 19, 26, 33}));
+TEST(ConvOpsTest, IntegersAndEmptyBatches) {
   EXPECT_EQ(RunOk<int32_t>(OneOp("Conv2D").In<int32_t>({1, 3, 3, 1}, {1, 2, 3, 4, 5, 6, 7, 8, 9})
       .In<int32_t>({2, 2, 1, 1}, {1, 0, 0, 1}).Attr("T", TF_INT32).Attr("padding", "VALID")
       .Attr("strides", L{1, 1, 1, 1})), (std::vector<int32_t>{6, 8, 12, 14}));
@@ -141,12 +124,9 @@ TEST(ConvOpsTest, RejectsBadInputsAndAttributes) {
   ExpectRunError(conv(OneOp("Conv2D"), {1, 3, 3, 3}, {1, 1, 2, 4}));
   // as TensorFlow's CPU kernel: no grouped convolution
   ExpectRunError(conv(OneOp("Conv2D"), {1, 3, 3, 4}, {1, 1, 2, 4}), TF_UNIMPLEMENTED);
-  ExpectRunError(conv(OneOp("Conv2D"), {3, 3, 1}, {1, 1, 1, 1}));
   // a 3x3 window does not fit a 1x1 image
   ExpectRunError(conv(OneOp("Conv2D"), {1, 1, 1, 1}, {3, 3, 1, 1}));
-  ExpectRunError(conv(OneOp("Conv2D"), {1, 3, 3, 1}, {0, 1, 1, 1}));
   ExpectRunError(conv(OneOp("Conv2D"), {1, 3, 3, 1}, {1, 1, 1, 1}).Attr("strides", L{2, 1, 1, 1}));
-  ExpectRunError(conv(OneOp("Conv2D"), {1, 3, 3, 1}, {1, 1, 1, 1}).Attr("strides", L{1, 0, 1, 1}));
   ExpectRunError(conv(OneOp("Conv2D"), {1, 3, 3, 1}, {1, 1, 1, 1}).Attr("strides", L{1, 1}));
   // explicit paddings without EXPLICIT
   ExpectRunError(conv(OneOp("Conv2D"), {1, 3, 3, 1}, {1, 1, 1, 1})
@@ -193,9 +173,7 @@ TEST(PoolingOpsTest, MaxPoolIntegersAndExplicitPadding) {
 TEST(PoolingOpsTest, RejectsBadInputsAndAttributes) {
   ExpectRunError(OneOp("MaxPool").In<float>({3, 3, 1}, kImage).Attr("T", TF_FLOAT)
       .Attr("ksize", L{1, 2, 2, 1}).Attr("strides", L{1, 1, 1, 1}).Attr("padding", "VALID"));
-  ExpectRunError(Pool(OneOp("MaxPool"), kImage, {2, 2, 2, 1}, {1, 1, 1, 1}, "VALID"));
   ExpectRunError(Pool(OneOp("AvgPool"), kImage, {1, 0, 2, 1}, {1, 1, 1, 1}, "VALID"));
-  ExpectRunError(Pool(OneOp("MaxPool"), kImage, {1, 5, 1, 1}, {1, 1, 1, 1}, "VALID"));
   ExpectRunError(Pool(OneOp("MaxPool"), kImage, {1, 1, 2, 2}, {1, 1, 1, 1}, "VALID")
       .Attr("data_format", "NCHW"));
 }
@@ -224,10 +202,8 @@ minitf::WindowAttrs Attrs(minitf::Padding padding, int64_t stride, int64_t dil =
   a.padding = padding;
   a.stride_h = stride;
   a.stride_w = stride + (stride > 1 ? 1 : 0);  // unequal strides on purpose
-  a.dil_h = dil;
-  a.dil_w = dil;
-  a.k_h = k;
-  a.k_w = k;
+  a.dil_h = a.dil_w = dil;
+  a.k_h = a.k_w = k;
   a.pad_top = pads[0];
   a.pad_bottom = pads[1];
   a.pad_left = pads[2];
@@ -462,52 +438,29 @@ TEST(DnnlDifferentialTest, ConcurrentRunsShareOneKernel) {
   EXPECT_EQ(failures, std::vector<int>(4, 0)) << first_error;
 }
 
-// Einsum's matrix forms against a direct sum over the contracted label.
-TEST(EinsumOpsTest, MatrixFormsMatchDirectSums) {
-  std::mt19937 rng(21);
-  auto random = [&](size_t n) { return RandomVector(rng, static_cast<int64_t>(n)); };
-  const int B = 2, I = 3, J = 4, K = 5;
-  const F a = random(B * I * J), bm = random(B * J * K);  // [b, i, j], [b, j, k]
-  F bt(bm.size()), prod(B * I * K, 0.0f), prod_t(prod.size());  // bm as [b, k, j]; a x bm
-  for (int b = 0; b < B; ++b)
-    for (int k = 0; k < K; ++k)
-      for (int j = 0; j < J; ++j) {
-        bt[(b * K + k) * J + j] = bm[(b * J + j) * K + k];
-        for (int i = 0; i < I; ++i)
-          prod[(b * I + i) * K + k] += a[(b * I + i) * J + j] * bm[(b * J + j) * K + k];
-      }
-  for (int b = 0; b < B; ++b)
-    for (int i = 0; i < I; ++i)
-      for (int k = 0; k < K; ++k) prod_t[(b * K + k) * I + i] = prod[(b * I + i) * K + k];
-  struct Case { const char* eq; Dims b_dims; const F* b; Dims out_dims; const F* want; };
-  for (const Case& c : {Case{"bij,bjk->bik", {B, J, K}, &bm, {B, I, K}, &prod},
-                        Case{"bij,bkj->bik", {B, K, J}, &bt, {B, I, K}, &prod},
-                        Case{"bij,bjk->bki", {B, J, K}, &bm, {B, K, I}, &prod_t},
-                        Case{"...ij,...jk->...ik", {B, J, K}, &bm, {B, I, K}, &prod}}) {
-    SCOPED_TRACE(c.eq);
-    OneOp op("Einsum");
-    op.In<float>({B, I, J}, a).In<float>(c.b_dims, *c.b).Attr("T", TF_FLOAT).Attr("N", 2)
-        .Attr("equation", c.eq);
-    ASSERT_EQ(op.Run(), TF_OK) << op.error();
-    EXPECT_EQ(op.OutputDims(), c.out_dims);
-    ExpectNear(op.Output<float>(), *c.want);
+// Einsum's matrix forms: batched, with the second operand transposed, with
+// an ellipsis, and a plain matmul with a transposed output.
+TEST(EinsumOpsTest, MatrixForms) {
+  struct Case { const char* eq; Dims b_dims; };
+  for (const Case& c : {Case{"bij,bjk->bik", {2, 2, 1}}, Case{"bij,bkj->bik", {2, 1, 2}},
+                        Case{"...ij,...jk->...ik", {2, 2, 1}}}) {
+    // [1 2] . [1 1] and [3 4] . [2 0]
+    ExpectOutput<int32_t>(OneOp("Einsum").In<int32_t>({2, 1, 2}, {1, 2, 3, 4})
+        .In<int32_t>(c.b_dims, {1, 1, 2, 0}).Attr("T", TF_INT32).Attr("N", 2)
+        .Attr("equation", c.eq), {2, 1, 1}, std::vector<int32_t>{3, 6});
   }
-  // Plain matmul with an integer type, and a transposed output.
   EXPECT_EQ(RunOk<int32_t>(OneOp("Einsum").In<int32_t>({2, 3}, {1, 2, 3, 4, 5, 6})
       .In<int32_t>({3, 2}, {1, 0, 0, 1, 1, 1}).Attr("T", TF_INT32).Attr("N", 2)
       .Attr("equation", "ij,jk->ki")), (std::vector<int32_t>{4, 10, 5, 11}));
-  // Mismatched contracted sizes, and forms outside the matrix ones.
-  ExpectRunError(OneOp("Einsum").In<float>({2, 3}, random(6)).In<float>({4, 2}, random(8))
-      .Attr("T", TF_FLOAT).Attr("N", 2).Attr("equation", "ij,jk->ik"));
+  // Forms outside the matrix ones.
   for (const char* eq : {"ii,ij->j", "ij,jk"}) {  // a trace; an implicit output
-    EXPECT_NE(OneOp("Einsum").In<float>({2, 2}, random(4)).In<float>({2, 2}, random(4))
+    EXPECT_NE(OneOp("Einsum").In<float>({2, 2}, F(4, 1)).In<float>({2, 2}, F(4, 1))
                   .Attr("T", TF_FLOAT).Attr("N", 2).Attr("equation", eq).Run(), TF_OK) << eq;
   }
 }
 
-// The volumetric ops with one spatial dim of size 1 are their 2-D
-// counterparts: Conv3D, MaxPool3D and AvgPool3D against Conv2D, MaxPool and
-// AvgPool, with the unit dim placed in each of the three positions.
+// Conv3D with one spatial dim of size 1 is Conv2D, with the unit dim placed
+// in each of the three positions.
 TEST(Window3DOpsTest, ReduceToTheTwoDimensionalOps) {
   std::mt19937 rng(31);
   auto random = [&](size_t n) { return RandomVector(rng, static_cast<int64_t>(n)); };
@@ -537,20 +490,6 @@ TEST(Window3DOpsTest, ReduceToTheTwoDimensionalOps) {
         ExpectNear(RunOk<float>(OneOp("Conv3D").In<float>(insert_unit({N, H, W, C}, at), x)
             .In<float>(fdims, f).Attr("T", TF_FLOAT).Attr("strides", strides)
             .Attr("padding", padding).Attr("dilations", dil)), want, 1e-4f);
-
-        for (const char* pool : {"MaxPool", "AvgPool"}) {
-          OneOp p2(pool);
-          p2.In<float>({N, H, W, C}, x).Attr("T", TF_FLOAT).Attr("ksize", L{1, 3, 2, 1})
-              .Attr("strides", L{1, stride, stride, 1}).Attr("padding", padding);
-          ASSERT_EQ(p2.Run(), TF_OK) << p2.error();
-          L ksize{1, 3, 2, 1};
-          ksize.insert(ksize.begin() + at, 1);
-          OneOp p3(std::string(pool) + "3D");
-          p3.In<float>(insert_unit({N, H, W, C}, at), x).Attr("T", TF_FLOAT)
-              .Attr("ksize", ksize).Attr("strides", strides).Attr("padding", padding);
-          ASSERT_EQ(p3.Run(), TF_OK) << p3.error();
-          ExpectNear(p3.Output<float>(), p2.Output<float>(), 1e-5f);
-        }
       }
     }
   }
@@ -561,61 +500,15 @@ TEST(Window3DOpsTest, ReduceToTheTwoDimensionalOps) {
   ASSERT_EQ(avg.Run(), TF_OK) << avg.error();
   EXPECT_EQ(avg.OutputDims(), (Dims{1, 1, 1, 2, 1}));
   ExpectNear(avg.Output<float>(), {(1 + 2 + 4 + 5 + 7 + 8 + 10 + 11) / 8.0f, (3 + 6 + 9 + 12) / 4.0f});
-  // Bad shapes and attributes.
+  // A window larger than the input.
   ExpectRunError(OneOp("MaxPool3D").In<float>({1, 2, 2, 2, 1}, random(8)).Attr("T", TF_FLOAT)
       .Attr("ksize", L{1, 3, 1, 1, 1}).Attr("strides", L{1, 1, 1, 1, 1}).Attr("padding", "VALID"));
-  ExpectRunError(OneOp("Conv3D").In<float>({1, 2, 2, 1}, random(4)).In<float>({1, 1, 1, 1, 1}, {1})
-      .Attr("T", TF_FLOAT).Attr("strides", L{1, 1, 1, 1, 1}).Attr("padding", "VALID"));
-  ExpectRunError(OneOp("Conv3D").In<float>({1, 1, 1, 1, 2}, random(2))
-      .In<float>({1, 1, 1, 3, 1}, random(3)).Attr("T", TF_FLOAT).Attr("strides", L{1, 1, 1, 1, 1})
-      .Attr("padding", "VALID"));
-  OneOp batch_stride("Conv3D");
-  batch_stride.In<float>({1, 1, 1, 1, 1}, {1}).In<float>({1, 1, 1, 1, 1}, {1})
-      .Attr("T", TF_FLOAT).Attr("strides", L{2, 1, 1, 1, 1}).Attr("padding", "VALID");
-  EXPECT_NE(batch_stride.Run(), TF_OK);
-}
-
-// Inference batch norm in double: (x - mean) * scale / sqrt(var + eps) + offset.
-F BatchNormReference(const F& x, const F& scale, const F& offset, const F& mean, const F& var,
-                     float eps, int64_t depth, bool channels_last, int64_t plane) {
-  F y(x.size());
-  for (size_t i = 0; i < x.size(); ++i) {
-    const int64_t c = channels_last ? static_cast<int64_t>(i) % depth
-                                    : static_cast<int64_t>(i) / plane % depth;
-    y[i] = static_cast<float>((x[i] - static_cast<double>(mean[c])) * scale[c] /
-                                  std::sqrt(static_cast<double>(var[c]) + eps) +
-                              offset[c]);
-  }
-  return y;
-}
-
-TEST(BatchNormOpsTest, InferenceMatchesReferenceInEveryVersionAndFormat) {
-  std::mt19937 rng(77);
-  const int64_t depth = 5;
-  for (const char* op : {"FusedBatchNorm", "FusedBatchNormV2", "FusedBatchNormV3"}) {
-    for (const bool nhwc : {true, false}) {
-      const Dims dims = nhwc ? Dims{2, 3, 4, depth} : Dims{2, depth, 3, 4};
-      const F x = RandomVector(rng, 2 * 3 * 4 * depth);
-      F scale = RandomVector(rng, depth), offset = RandomVector(rng, depth);
-      F mean = RandomVector(rng, depth), var = RandomVector(rng, depth);
-      for (float& v : var) v = std::fabs(v) + 0.1f;
-      OneOp bn(op);
-      bn.In<float>(dims, x).In<float>({depth}, scale).In<float>({depth}, offset)
-          .In<float>({depth}, mean).In<float>({depth}, var).Attr("T", TF_FLOAT)
-          .Attr("epsilon", 0.001f).Attr("is_training", false)
-          .Attr("data_format", nhwc ? "NHWC" : "NCHW");
-      if (std::string(op) != "FusedBatchNorm") bn.Attr("U", TF_FLOAT);
-      ASSERT_EQ(bn.Run(), TF_OK) << op << ": " << bn.error();
-      EXPECT_EQ(bn.OutputDims(), dims);
-      ExpectNear(bn.Output<float>(),
-                 BatchNormReference(x, scale, offset, mean, var, 0.001f, depth, nhwc, 12));
-    }
-  }
 }
 
 TEST(BatchNormOpsTest, StatisticsOutputsAndErrors) {
   // Every output can be fetched: the statistics repeat mean and variance,
-  // V3's sixth output is empty.
+  // V3's sixth output is empty. (The float inference path runs in the real
+  // frozen graphs' batch norms.)
   testing_support::GraphBuilder g;
   g.Const<float>("x", {1, 1, 2, 2}, {1, 2, 3, 4});
   g.Const<float>("s", {2}, {1, 2});
@@ -648,9 +541,6 @@ TEST(BatchNormOpsTest, StatisticsOutputsAndErrors) {
   OneOp wrong_depth("FusedBatchNorm");
   base(wrong_depth, {1, 2, 2, 3}, 2).Attr("is_training", false);
   ExpectRunError(wrong_depth);
-  OneOp wrong_rank("FusedBatchNorm");
-  base(wrong_rank, {2, 3}, 3).Attr("is_training", false);
-  ExpectRunError(wrong_rank);
 }
 
 // Depthwise convolution with dilations against a direct loop.

@@ -1,6 +1,7 @@
 // Slice and StridedSlice. Inputs hold 0, 1, 2, ... so every expected value
 // below is the flat input index of the element, worked out by hand from the
-// numpy expression in each case's comment.
+// numpy expression in each case's comment. Each mask alone, and negative
+// strides, are in the TF.js op goldens; here their combinations and edges.
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -63,21 +64,13 @@ TEST(StridedSliceTest, MaskCombinationsMatchNumpy) {
   // x = arange(24).reshape(2, 3, 4); v = arange(5).
   const Dims x{2, 3, 4}, v{5};
   const std::vector<Case> cases = {
-      {"x[1, :, ::-2]", x, {{1, 0, 0}, {2, 0, 0}, {1, 1, -2}, 6, 6, 0, 0, 1},
-       {3, 2}, {15, 13, 19, 17, 23, 21}},
-      {"x[..., 1]", x, {{0, 1}, {0, 2}, {1, 1}, 0, 0, 1, 0, 2}, {2, 3}, {1, 5, 9, 13, 17, 21}},
       {"x[:, None, -1]", x, {{0, 0, -1}, {0, 0, 0}, {1, 1, 1}, 1, 1, 0, 2, 4},
        {2, 1, 4}, {8, 9, 10, 11, 20, 21, 22, 23}},
-      {"x[-1:-3:-1, 1:, 3:0:-2]", x, {{-1, 1, 3}, {-3, 0, 0}, {-1, 1, -2}, 0, 2},
-       {2, 2, 2}, {19, 17, 23, 21, 7, 5, 11, 9}},
       {"x[:, 1:100, -100:2] clamps", x, {{0, 1, -100}, {0, 100, 2}, {1, 1, 1}, 1, 1},
        {2, 2, 2}, {4, 5, 8, 9, 16, 17, 20, 21}},
       {"x[:, 2:1] is empty", x, {{0, 2}, {0, 1}, {1, 1}, 1, 1}, {2, 0, 4}, {}},
       {"x[None, 0, ..., None]", x, {{0, 0, 0, 0}, {0, 1, 0, 0}, {1, 1, 1, 1}, 0, 0, 4, 9, 2},
        {1, 3, 4, 1}, Iota(12)},
-      {"x[1, ..., ::3]", x, {{1, 0, 0}, {2, 0, 0}, {1, 1, 3}, 4, 4, 2, 0, 1},
-       {3, 2}, {12, 15, 16, 19, 20, 23}},
-      {"x[-1, -1, -1]", x, {{-1, -1, -1}, {0, 0, 0}, {1, 1, 1}, 0, 0, 0, 0, 7}, {}, {23}},
       {"x[1:2] keeps dims the index does not reach", x, {{1}, {2}, {1}},
        {1, 3, 4}, {12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22, 23}},
       {"new axis wins over shrink on one entry", x, {{0}, {0}, {1}, 0, 0, 0, 1, 1},
@@ -85,13 +78,9 @@ TEST(StridedSliceTest, MaskCombinationsMatchNumpy) {
       {"x[...] is the identity", x, {{0}, {0}, {1}, 0, 0, 1}, {2, 3, 4}, Iota(24)},
       {"x[..., None, 0] new axis after the ellipsis", x,
        {{0, 0, 0}, {0, 0, 1}, {1, 1, 1}, 0, 0, 1, 2, 4}, {2, 3, 1}, {0, 4, 8, 12, 16, 20}},
-      {"v[::-1]", v, {{0}, {0}, {-1}, 1, 1}, {5}, {4, 3, 2, 1, 0}},
-      {"v[-2::-1]", v, {{-2}, {0}, {-1}, 0, 1}, {4}, {3, 2, 1, 0}},
       {"v[:-6:-1] clamps to before the start", v, {{0}, {-6}, {-1}, 1}, {5}, {4, 3, 2, 1, 0}},
-      {"v[3:1:-1]", v, {{3}, {1}, {-1}}, {2}, {3, 2}},
       {"v[1:3:-1] runs the wrong way", v, {{1}, {3}, {-1}}, {0}, {}},
       {"v[4:0:-3]", v, {{4}, {0}, {-3}}, {2}, {4, 1}},
-      {"v[1::2]", v, {{1}, {0}, {2}, 0, 1}, {2}, {1, 3}},
       {"v[10:] is empty", v, {{10}, {0}, {1}, 0, 1}, {0}, {}},
   };
   for (const Case& c : cases) {
@@ -138,7 +127,6 @@ TEST(StridedSliceTest, RejectsBadIndices) {
   const std::vector<std::pair<const char*, SliceArgs>> bad = {
       {"zero stride", {{0, 0, 0}, {1, 1, 1}, {1, 0, 1}}},
       {"shrink index past the end", {{2}, {3}, {1}, 0, 0, 0, 0, 1}},
-      {"shrink index before the start", {{-3}, {0}, {1}, 0, 0, 0, 0, 1}},
       {"shrink with a negative stride", {{1}, {0}, {-1}, 0, 0, 0, 0, 1}},
       {"lengths differ", {{0, 0}, {1}, {1, 1}}},
       {"more entries than dims", {{0, 0, 0, 0}, {1, 1, 1, 1}, {1, 1, 1, 1}}},
@@ -170,7 +158,6 @@ TEST(SliceTest, BoxesWithSizeToTheEnd) {
 TEST(SliceTest, RejectsOutOfRangeBoxes) {
   const std::vector<std::pair<std::vector<int32_t>, std::vector<int32_t>>> bad = {
       {{-1, 0}, {1, 1}},   // negative begin
-      {{0, 4}, {1, 0}},    // begin past the dim
       {{1, 0}, {2, 1}},    // runs past the end
       {{0, 0}, {1, -2}},   // negative size other than -1
       {{0}, {1}},          // one entry for two dims

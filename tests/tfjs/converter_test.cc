@@ -1,14 +1,13 @@
-// The TF.js converter on small hand-made models: weight decoding (raw,
-// float16, affine uint8/uint16), the checks on everything read from
+// The TF.js converter on small hand-made models: weight decoding (float16
+// edge values, affine uint8/uint16), the checks on everything read from
 // model.json and the shards, the rewrite of fused ops into standard ones
 // (run through the runtime with hand-computed results), and graph edits.
+// Reading real models from disk, their many shards and the common fused
+// forms run in the real-model goldens; mutated files in tfjs_model_fuzz.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <random>
 #include <nlohmann/json.hpp>
 
 #include "converter.h"
@@ -32,22 +31,14 @@ std::string Base64(const std::string& in) {
   static const char* kAlphabet =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::string out;
-  size_t i = 0;
-  for (; i + 2 < in.size(); i += 3) {
-    const uint32_t v = (uint8_t(in[i]) << 16) | (uint8_t(in[i + 1]) << 8) | uint8_t(in[i + 2]);
-    for (int s = 18; s >= 0; s -= 6) out += kAlphabet[(v >> s) & 63];
-  }
-  if (i + 1 == in.size()) {
-    const uint32_t v = uint8_t(in[i]) << 16;
-    out += kAlphabet[(v >> 18) & 63];
-    out += kAlphabet[(v >> 12) & 63];
-    out += "==";
-  } else if (i + 2 == in.size()) {
-    const uint32_t v = (uint8_t(in[i]) << 16) | (uint8_t(in[i + 1]) << 8);
-    out += kAlphabet[(v >> 18) & 63];
-    out += kAlphabet[(v >> 12) & 63];
-    out += kAlphabet[(v >> 6) & 63];
-    out += "=";
+  for (size_t i = 0; i < in.size(); i += 3) {
+    uint32_t v = uint8_t(in[i]) << 16;
+    if (i + 1 < in.size()) v |= uint8_t(in[i + 1]) << 8;
+    if (i + 2 < in.size()) v |= uint8_t(in[i + 2]);
+    // A group of n bytes gives n + 1 characters, padded with '=' to four.
+    for (size_t k = 0; k < 4; ++k) {
+      out += i + k <= in.size() ? kAlphabet[(v >> (18 - 6 * k)) & 63] : '=';
+    }
   }
   return out;
 }
@@ -194,33 +185,6 @@ TEST(TfjsWeightsTest, QuantisedWeightsDequantiseAffinely) {
   std::memcpy(ints.data(), t.tensor_content().data(), 12);
   EXPECT_EQ(ints, (std::vector<int32_t>{-1, 2, 0}));
   EXPECT_EQ(t.dtype(), pb::DT_INT32);
-
-  offset = 0;
-  tfjs::WeightSpec half{"h", pb::DT_FLOAT, {2, 1}, "float16", 1, 0};
-  ASSERT_TRUE(tfjs::DecodeWeight(half, std::string("\x00\x3c\x00\xc0", 4), &offset, &t).ok());
-  EXPECT_EQ(FloatsOf(t), (F{1, -2}));
-  ASSERT_EQ(t.tensor_shape().dim_size(), 2);
-  EXPECT_EQ(t.tensor_shape().dim(0).size(), 2);
-}
-
-TEST(TfjsWeightsTest, WeightsAreReadInManifestOrderAcrossShards) {
-  FakeModel m;
-  m.Weight("a", {2}, {1.5f, -2});
-  m.RawWeight({{"name", "flags"}, {"shape", {3}}, {"dtype", "bool"}}, std::string("\x01\x00\x07", 3));
-  m.RawWeight({{"name", "n"}, {"shape", json::array()}, {"dtype", "int32"}},
-              std::string("\x2a\x00\x00\x00", 4));
-  m.Node("flags", "Const", {}, {{"dtype", TypeAttr("DT_BOOL")}});
-  m.Node("n", "Const", {}, {{"dtype", TypeAttr("DT_INT32")}});
-  // The same bytes split over two shard files read as one stream.
-  const std::string all = m.shard();
-  tfjs::TfjsModel model;
-  ASSERT_TRUE(tfjs::ParseTfjsModel(m.Json(), {all.substr(0, 5), all.substr(5)}, &model).ok());
-  EXPECT_EQ(FloatsOf(model.weights.at("a")), (F{1.5f, -2}));
-  EXPECT_EQ(model.weights.at("flags").tensor_content(), std::string("\x01\x00\x01", 3));
-  int32_t n = 0;
-  std::memcpy(&n, model.weights.at("n").tensor_content().data(), 4);
-  EXPECT_EQ(n, 42);
-  EXPECT_EQ(model.weights.at("n").tensor_shape().dim_size(), 0);
 }
 
 // ------------------------------------------------------ malformed models
@@ -264,8 +228,6 @@ TEST(TfjsModelFileTest, RefusesWhatItCannotTrust) {
   for (const auto& [error, needle] : refused)
     EXPECT_NE(error.find(needle), std::string::npos) << needle << " in: " << error;
   // Wrong JSON types where objects are expected are errors, not exceptions.
-  EXPECT_FALSE(ParseError(R"({"modelTopology": {"node": [1]}, "weightsManifest": [2]})", "")
-                   .empty());
   EXPECT_FALSE(ParseError(R"({"modelTopology": {"node": []}, "weightsManifest":
       [{"weights": [{"name": "x", "dtype": "float32", "shape": "abc"}]}]})", "").empty());
 
@@ -273,67 +235,6 @@ TEST(TfjsModelFileTest, RefusesWhatItCannotTrust) {
   EXPECT_FALSE(tfjs::ShardPaths(R"({"weightsManifest": [{"paths": ["../../etc/passwd"]}]})",
                                 &paths).ok());
   EXPECT_FALSE(tfjs::ShardPaths(R"({"weightsManifest": [{"paths": ["/abs.bin"]}]})", &paths).ok());
-}
-
-TEST(TfjsModelFileTest, CorruptedFilesEndInAStatus) {
-  FakeModel m;
-  m.Input("x", {1, 2, 2, 1});
-  m.Weight("w", {1, 1, 1, 1}, {2});
-  m.Weight("b", {1}, {-3});
-  m.Node("conv", "_FusedConv2D", {"x", "w", "b"}, Conv2DAttrs({"BiasAdd", "Relu"}, 1));
-  const std::string json_text = m.Json();
-  std::mt19937 rng(1234);
-  int parsed = 0;
-  for (int trial = 0; trial < 400; ++trial) {
-    std::string text = json_text;
-    std::string shard = m.shard();
-    // Change digits (shapes, counts, offsets stay well-formed JSON), or
-    // flip, drop or duplicate bytes; sometimes cut the shard.
-    const int edits = 1 + static_cast<int>(rng() % 3);
-    for (int k = 0; k < edits; ++k) {
-      const size_t at = rng() % text.size();
-      switch (rng() % 4) {
-        case 0: text[at] = static_cast<char>("0123456789-\"[]{}:,ae"[rng() % 20]); break;
-        case 1: text.erase(at, 1 + rng() % 8); break;
-        case 2: text.insert(at, text.substr(at, 1 + rng() % 8)); break;
-        default: {
-          const size_t digit = text.find_first_of("0123456789", at);
-          if (digit != std::string::npos) text[digit] = static_cast<char>('0' + rng() % 10);
-        }
-      }
-    }
-    if (rng() % 4 == 0) shard.resize(rng() % (shard.size() + 1));
-    tfjs::TfjsModel model;
-    if (!tfjs::ParseTfjsModel(text, {shard}, &model).ok()) continue;
-    ++parsed;
-    pb::GraphDef graph;
-    if (tfjs::ConvertTfjsModel(model, {}, &graph).ok()) {
-      (void)tfjs::ImportIntoRuntime(graph);  // any status, never a crash
-    }
-  }
-  EXPECT_LT(parsed, 400);  // the mutations do break most files
-  EXPECT_GT(parsed, 0);    // and some still parse, reaching the conversion
-}
-
-TEST(TfjsModelFileTest, LoadsModelAndShardsFromDisk) {
-  char dir_template[] = "/tmp/tfjs_model_XXXXXX";
-  const char* dir = mkdtemp(dir_template);
-  ASSERT_NE(dir, nullptr);
-  FakeModel m;
-  m.Input("x", {1, 2});
-  m.Weight("w", {2}, {3, 4});
-  m.Node("y", "Mul", {"x", "w"}, {{"T", TypeAttr("DT_FLOAT")}});
-  std::ofstream(std::string(dir) + "/model.json") << m.Json();
-  std::ofstream(std::string(dir) + "/group1-shard1of1.bin", std::ios::binary) << m.shard();
-  tfjs::TfjsModel model;
-  const minitf::Status s = tfjs::LoadTfjsModel(std::string(dir) + "/model.json", &model);
-  ASSERT_TRUE(s.ok()) << s.message();
-  EXPECT_EQ(model.graph.node_size(), 3);
-  EXPECT_EQ(FloatsOf(model.weights.at("w")), (F{3, 4}));
-  std::remove((std::string(dir) + "/group1-shard1of1.bin").c_str());
-  EXPECT_EQ(tfjs::LoadTfjsModel(std::string(dir) + "/model.json", &model).code(), TF_NOT_FOUND);
-  std::remove((std::string(dir) + "/model.json").c_str());
-  rmdir(dir);
 }
 
 // ------------------------------------------------------------ conversion
@@ -388,14 +289,6 @@ TEST(TfjsConvertTest, Int64ConstantsStoredAsInt32AreWidenedBack) {
 
 TEST(TfjsUnfuseTest, ConvolutionWithBiasAndActivations) {
   const F x = {1, 2, 3, -1};  // [1, 2, 2, 1]
-  {  // relu(2x - 3)
-    FakeModel m;
-    m.Input("x", {1, 2, 2, 1});
-    m.Weight("w", {1, 1, 1, 1}, {2});
-    m.Weight("b", {1}, {-3});
-    m.Node("conv", "_FusedConv2D", {"x", "w", "b"}, Conv2DAttrs({"BiasAdd", "Relu"}, 1));
-    ExpectFloats(ConvertAndRun(m, {1, 2, 2, 1}, x, "conv"), {0, 1, 3, 0});
-  }
   {  // prelu(x - 2) with alpha 0.5, alpha as the second argument
     FakeModel m;
     m.Input("x", {1, 2, 2, 1});
@@ -430,16 +323,7 @@ TEST(TfjsUnfuseTest, ConvolutionWithBiasAndActivations) {
   }
 }
 
-TEST(TfjsUnfuseTest, DepthwiseMatMulAndStandalonePrelu) {
-  {  // per-channel filters 2 and 3, bias 0 and 1, relu6
-    FakeModel m;
-    m.Input("x", {1, 1, 1, 2});
-    m.Weight("w", {1, 1, 2, 1}, {2, 3});
-    m.Weight("b", {2}, {0, 1});
-    json attrs = Conv2DAttrs({"BiasAdd", "Relu6"}, 1, "SAME");
-    m.Node("dw", "FusedDepthwiseConv2dNative", {"x", "w", "b"}, attrs);
-    ExpectFloats(ConvertAndRun(m, {1, 1, 1, 2}, {4, -1}, "dw"), {6, 0});
-  }
+TEST(TfjsUnfuseTest, MatMulAndStandalonePrelu) {
   {  // [1, 2] x [[1, 2], [3, 4]] + [1, -1], and the transposed-b form
     for (bool transpose_b : {false, true}) {
       FakeModel m;
@@ -508,24 +392,6 @@ TEST(GraphEditTest, RenameRewritesEveryKindOfReference) {
   pb::NodeDef* replacement = editor.Add("Identity", "tmp", {"a"});
   ASSERT_TRUE(editor.Rename(replacement->name(), "c").ok());
   EXPECT_TRUE(editor.HasNode("c"));
-}
-
-TEST(GraphEditTest, RewireAndPrune) {
-  pb::GraphDef g;
-  tfjs::GraphEditor editor(&g);
-  editor.Add("Placeholder", "x", {});
-  editor.Add("Relu", "r", {"x:0"});
-  editor.Add("Neg", "n", {"x"});
-  editor.Add("Exp", "e", {"x"});
-  editor.Add("Identity", "cast", {"x"});
-  editor.Rewire("x", "cast", {"cast"});
-  EXPECT_EQ(editor.FindNode("r")->input(0), "cast");
-  EXPECT_EQ(editor.FindNode("n")->input(0), "cast");
-  EXPECT_EQ(editor.FindNode("cast")->input(0), "x");
-  editor.Prune({"r:0", "n"});
-  EXPECT_EQ(g.node_size(), 4);  // x, cast, r, n
-  EXPECT_EQ(editor.FindNode("e"), nullptr);
-  EXPECT_FALSE(editor.HasNode("e"));
 }
 
 // ------------------------------------------------------- runtime checks
