@@ -69,20 +69,23 @@ void ThreadPool::ParallelFor(int64_t total, int64_t min_block,
   }
   const int64_t step = (total + blocks - 1) / blocks;
   struct Join {
+    std::atomic<int64_t> pending;
     std::mutex mu;
     std::condition_variable cv;
-    int64_t pending;
   };
   auto join = std::make_shared<Join>();
-  join->pending = blocks - 1;
+  join->pending.store(blocks - 1, std::memory_order_relaxed);
   {
     std::lock_guard<std::mutex> lock(mu_);
     for (int64_t b = 1; b < blocks; ++b) {
       const int64_t begin = b * step, end = std::min(total, begin + step);
       queue_.emplace_back([join, &fn, begin, end] {
         if (begin < end) fn(begin, end);
-        std::lock_guard<std::mutex> l(join->mu);
-        if (--join->pending == 0) join->cv.notify_all();
+        if (join->pending.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+          // Under the lock, so a caller about to sleep cannot miss it.
+          std::lock_guard<std::mutex> l(join->mu);
+          join->cv.notify_all();
+        }
       });
     }
     queued_.fetch_add(blocks - 1, std::memory_order_release);
@@ -90,14 +93,14 @@ void ThreadPool::ParallelFor(int64_t total, int64_t min_block,
   cv_.notify_all();
   fn(0, std::min(total, step));
   // Help with queued work (ours or another caller's) instead of idling, so
-  // concurrent callers can never starve each other of workers.
+  // concurrent callers can never starve each other of workers. Then watch
+  // the other blocks briefly: being woken from a sleep costs about as much
+  // as a small op.
+  const auto watch_until = std::chrono::steady_clock::now() + kCallerWatch;
   for (;;) {
-    {
-      std::unique_lock<std::mutex> l(join->mu);
-      if (join->pending == 0) return;
-    }
+    if (join->pending.load(std::memory_order_acquire) == 0) return;
     std::function<void()> task;
-    {
+    if (queued_.load(std::memory_order_acquire) != 0) {
       std::lock_guard<std::mutex> lock(mu_);
       if (!queue_.empty()) {
         task = std::move(queue_.front());
@@ -107,9 +110,11 @@ void ThreadPool::ParallelFor(int64_t total, int64_t min_block,
     }
     if (task) {
       task();
+    } else if (std::chrono::steady_clock::now() < watch_until) {
+      std::this_thread::yield();
     } else {
       std::unique_lock<std::mutex> l(join->mu);
-      join->cv.wait(l, [&] { return join->pending == 0; });
+      join->cv.wait(l, [&] { return join->pending.load(std::memory_order_acquire) == 0; });
       return;
     }
   }

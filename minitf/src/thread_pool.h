@@ -41,6 +41,9 @@ class ThreadPool {
 
   // How long an idle worker watches the queue before it sleeps.
   static constexpr std::chrono::microseconds kWatch{200};
+  // How long a caller that has finished its block watches the others
+  // before it sleeps.
+  static constexpr std::chrono::microseconds kCallerWatch{100};
 
   const int num_threads_;
   std::atomic<int64_t> queued_{0};  // tasks in queue_, readable without mu_
