@@ -57,6 +57,15 @@ void ThreadPool::WorkerLoop() {
   }
 }
 
+int ThreadPool::Parallelism() {
+  if (num_threads_ <= 1) return 1;
+  if (skip_.load(std::memory_order_relaxed) > 0) {
+    skip_.fetch_sub(1, std::memory_order_relaxed);
+    return 1;
+  }
+  return num_threads_;
+}
+
 void ThreadPool::ParallelFor(int64_t total, int64_t min_block,
                              const std::function<void(int64_t, int64_t)>& fn) {
   if (total <= 0) return;
@@ -69,20 +78,23 @@ void ThreadPool::ParallelFor(int64_t total, int64_t min_block,
   }
   const int64_t step = (total + blocks - 1) / blocks;
   struct Join {
+    std::atomic<int64_t> pending;
     std::mutex mu;
     std::condition_variable cv;
-    int64_t pending;
   };
   auto join = std::make_shared<Join>();
-  join->pending = blocks - 1;
+  join->pending.store(blocks - 1, std::memory_order_relaxed);
   {
     std::lock_guard<std::mutex> lock(mu_);
     for (int64_t b = 1; b < blocks; ++b) {
       const int64_t begin = b * step, end = std::min(total, begin + step);
       queue_.emplace_back([join, &fn, begin, end] {
         if (begin < end) fn(begin, end);
-        std::lock_guard<std::mutex> l(join->mu);
-        if (--join->pending == 0) join->cv.notify_all();
+        if (join->pending.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+          // Under the lock, so a caller about to sleep cannot miss it.
+          std::lock_guard<std::mutex> l(join->mu);
+          join->cv.notify_all();
+        }
       });
     }
     queued_.fetch_add(blocks - 1, std::memory_order_release);
@@ -90,14 +102,15 @@ void ThreadPool::ParallelFor(int64_t total, int64_t min_block,
   cv_.notify_all();
   fn(0, std::min(total, step));
   // Help with queued work (ours or another caller's) instead of idling, so
-  // concurrent callers can never starve each other of workers.
+  // concurrent callers can never starve each other of workers. Then watch
+  // the other blocks briefly: being woken from a sleep costs about as much
+  // as a small op.
+  const auto watch_until = std::chrono::steady_clock::now() + kCallerWatch;
+  bool ran_queued = false;
   for (;;) {
-    {
-      std::unique_lock<std::mutex> l(join->mu);
-      if (join->pending == 0) return;
-    }
+    if (join->pending.load(std::memory_order_acquire) == 0) break;
     std::function<void()> task;
-    {
+    if (queued_.load(std::memory_order_acquire) != 0) {
       std::lock_guard<std::mutex> lock(mu_);
       if (!queue_.empty()) {
         task = std::move(queue_.front());
@@ -106,12 +119,21 @@ void ThreadPool::ParallelFor(int64_t total, int64_t min_block,
       }
     }
     if (task) {
+      ran_queued = true;
       task();
+    } else if (std::chrono::steady_clock::now() < watch_until) {
+      std::this_thread::yield();
     } else {
       std::unique_lock<std::mutex> l(join->mu);
-      join->cv.wait(l, [&] { return join->pending == 0; });
-      return;
+      join->cv.wait(l, [&] { return join->pending.load(std::memory_order_acquire) == 0; });
+      break;
     }
+  }
+  if (!ran_queued) {
+    misses_.store(0, std::memory_order_relaxed);
+  } else if (misses_.fetch_add(1, std::memory_order_relaxed) + 1 >= kMissesBeforeBackOff) {
+    misses_.store(0, std::memory_order_relaxed);
+    skip_.store(kSplitsSkipped, std::memory_order_relaxed);
   }
 }
 
