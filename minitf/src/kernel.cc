@@ -129,8 +129,7 @@ void OpContext::ParallelFor(int64_t total, int64_t cost_per_unit,
   // should carry about 100k cycles of work to be worth it.
   constexpr int64_t kMinCostPerBlock = 100000;
   const int64_t min_block = std::max<int64_t>(1, kMinCostPerBlock / std::max<int64_t>(1, cost_per_unit));
-  if (pool_ == nullptr || pool_->num_threads() <= 1 || total <= min_block ||
-      pool_->Parallelism() <= 1) {
+  if (pool_ == nullptr || pool_->num_threads() <= 1 || total <= min_block) {
     if (total > 0) fn(0, total);
     return;
   }

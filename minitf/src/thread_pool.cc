@@ -57,15 +57,6 @@ void ThreadPool::WorkerLoop() {
   }
 }
 
-int ThreadPool::Parallelism() {
-  if (num_threads_ <= 1) return 1;
-  if (skip_.load(std::memory_order_relaxed) > 0) {
-    skip_.fetch_sub(1, std::memory_order_relaxed);
-    return 1;
-  }
-  return num_threads_;
-}
-
 void ThreadPool::ParallelFor(int64_t total, int64_t min_block,
                              const std::function<void(int64_t, int64_t)>& fn) {
   if (total <= 0) return;
@@ -106,9 +97,8 @@ void ThreadPool::ParallelFor(int64_t total, int64_t min_block,
   // the other blocks briefly: being woken from a sleep costs about as much
   // as a small op.
   const auto watch_until = std::chrono::steady_clock::now() + kCallerWatch;
-  bool ran_queued = false;
   for (;;) {
-    if (join->pending.load(std::memory_order_acquire) == 0) break;
+    if (join->pending.load(std::memory_order_acquire) == 0) return;
     std::function<void()> task;
     if (queued_.load(std::memory_order_acquire) != 0) {
       std::lock_guard<std::mutex> lock(mu_);
@@ -119,21 +109,14 @@ void ThreadPool::ParallelFor(int64_t total, int64_t min_block,
       }
     }
     if (task) {
-      ran_queued = true;
       task();
     } else if (std::chrono::steady_clock::now() < watch_until) {
       std::this_thread::yield();
     } else {
       std::unique_lock<std::mutex> l(join->mu);
       join->cv.wait(l, [&] { return join->pending.load(std::memory_order_acquire) == 0; });
-      break;
+      return;
     }
-  }
-  if (!ran_queued) {
-    misses_.store(0, std::memory_order_relaxed);
-  } else if (misses_.fetch_add(1, std::memory_order_relaxed) + 1 >= kMissesBeforeBackOff) {
-    misses_.store(0, std::memory_order_relaxed);
-    skip_.store(kSplitsSkipped, std::memory_order_relaxed);
   }
 }
 

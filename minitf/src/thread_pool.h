@@ -30,12 +30,6 @@ class ThreadPool {
 
   int num_threads() const { return num_threads_; }
 
-  // How many blocks a caller should split its next piece of work into:
-  // num_threads(), or 1 for a while after the workers have repeatedly been
-  // too late to take their blocks (the other cores are busy elsewhere, and
-  // splitting would only add its own cost).
-  int Parallelism();
-
   // Splits [0, total) into at most num_threads() blocks of at least
   // `min_block` elements, runs fn(begin, end) on each, and returns when all
   // have finished. The calling thread runs a block too.
@@ -50,13 +44,6 @@ class ThreadPool {
   // How long a caller that has finished its block watches the others
   // before it sleeps.
   static constexpr std::chrono::microseconds kCallerWatch{100};
-
-  // Consecutive calls whose queued blocks the caller had to run itself, and
-  // how many coming splits to skip because of them.
-  static constexpr int kMissesBeforeBackOff = 2;
-  static constexpr int kSplitsSkipped = 64;
-  std::atomic<int> misses_{0};
-  std::atomic<int> skip_{0};
 
   const int num_threads_;
   std::atomic<int64_t> queued_{0};  // tasks in queue_, readable without mu_

@@ -71,32 +71,5 @@ TEST(ThreadPoolTest, ConcurrentCallersShareTheWorkers) {
   EXPECT_EQ(incomplete.load(), 0);
 }
 
-TEST(ThreadPoolTest, StopsSplittingForAWhileWhenTheWorkerIsBusyElsewhere) {
-  ThreadPool pool(2);
-  EXPECT_EQ(pool.Parallelism(), 2);
-  // Another caller holds the only worker until released.
-  std::atomic<bool> worker_started{false}, release{false};
-  std::thread other([&] {
-    pool.ParallelFor(2, 1, [&](int64_t begin, int64_t) {
-      if (begin == 1) worker_started = true;
-      while (!release) std::this_thread::sleep_for(std::chrono::microseconds(50));
-    });
-  });
-  while (!worker_started) std::this_thread::sleep_for(std::chrono::microseconds(50));
-  // Our blocks find no free worker: we run them ourselves, twice.
-  for (int call = 0; call < 2; ++call) {
-    std::atomic<int> blocks{0};
-    pool.ParallelFor(2, 1, [&](int64_t, int64_t) { blocks.fetch_add(1); });
-    EXPECT_EQ(blocks.load(), 2);
-  }
-  release = true;
-  other.join();
-  int single = 0;
-  while (single < 1000 && pool.Parallelism() == 1) ++single;
-  EXPECT_GT(single, 0) << "no back-off after the worker missed twice";
-  EXPECT_LT(single, 1000) << "the back-off never ends";
-  EXPECT_EQ(pool.Parallelism(), 2);
-}
-
 }  // namespace
 }  // namespace minitf

@@ -169,7 +169,7 @@ bool DnnlConvChain::Run(const WindowGeometry& g, const float* in, float* out,
   // oneDNN stays on the calling thread; the pieces spread over the pool,
   // whose idle threads sleep instead of spinning on a busy machine.
   const std::vector<ConvPiece> pieces =
-      SplitConvolution(g, pool == nullptr ? 1 : pool->Parallelism());
+      SplitConvolution(g, pool == nullptr ? 1 : pool->num_threads());
   // Every piece's primitive first, so that a refusal leaves `out` untouched.
   std::vector<std::shared_ptr<const Primitive>> primitives;
   for (const ConvPiece& piece : pieces) {

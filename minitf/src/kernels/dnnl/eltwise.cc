@@ -29,7 +29,7 @@ DnnlEltwise::~DnnlEltwise() = default;
 
 bool DnnlEltwise::Run(int64_t n, const float* in, float* out, ThreadPool* pool) const {
   if (n <= 0) return false;
-  int64_t parts = pool == nullptr ? 1 : pool->Parallelism();
+  int64_t parts = pool == nullptr ? 1 : pool->num_threads();
   parts = std::max<int64_t>(1, std::min(parts, n / kMinPieceElements));
   // Equal pieces but the last, so at most two primitives.
   const int64_t piece = (n + parts - 1) / parts;
