@@ -111,13 +111,19 @@ void QueueMultiBox3Processor::RemoveOverlappingBoxes(std::vector<BoundingBoxClas
       keepers.Clear();
       for (size_t j : SortBoxIndexes(candidates, c)) {
         BoundingBoxClasses& other = candidates[j];
-        const DetectorCommon::Rect& later = keepers.RectOf(j);
-        const bool cleared =
-            keepers.AnyTouching(j, [&](size_t, const DetectorCommon::Rect& keeper) {
-              return DetectorCommon::IntersectionRatio(keeper, later) >= overlapThreshold;
-            });
-        if (cleared && static_cast<size_t>(c) < other.classes.size()) {
-          other.classes[static_cast<size_t>(c)] = 0.0f;
+        // Only a class score that clearing would change needs the walk: one
+        // the candidate lacks, or one that is already +0, stays as it is and
+        // makes no keeper. A real head zeroes most scores below the score
+        // threshold, so most candidates skip it.
+        const bool holdsClass = static_cast<size_t>(c) < other.classes.size();
+        const float score = holdsClass ? other.classes[static_cast<size_t>(c)] : 0.0f;
+        if (holdsClass && (score != 0.0f || std::signbit(score))) {
+          const DetectorCommon::Rect& later = keepers.RectOf(j);
+          const bool cleared =
+              keepers.AnyTouching(j, [&](const DetectorCommon::Rect& keeper) {
+                return DetectorCommon::IntersectionRatio(keeper, later) >= overlapThreshold;
+              });
+          if (cleared) other.classes[static_cast<size_t>(c)] = 0.0f;
         }
         if (!(std::fabs(MultiBoxDetectorCommon::ClassScore(other, c)) < kClearedScore)) {
           keepers.Insert(j);
