@@ -142,7 +142,7 @@ std::vector<NativeBoundingBox> FaceDetectorProcessor::RemoveOverlappingBoxes(
     std::vector<bool> zeroed(boxes.size(), false);
     for (size_t j : order) {
       const DetectorCommon::Rect& later = index.RectOf(j);
-      zeroed[j] = index.AnyTouching(j, [&](const DetectorCommon::Rect& earlier) {
+      zeroed[j] = index.AnyTouching(j, [&](size_t, const DetectorCommon::Rect& earlier) {
         return DetectorCommon::IntersectionRatio(earlier, later) >= overlapThreshold;
       });
       index.Insert(j);

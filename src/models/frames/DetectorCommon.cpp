@@ -142,7 +142,7 @@ TouchIndex::TouchIndex(const std::vector<Rect>& rects) : rects_(rects), span_(re
     }
   }
   for (size_t k = 1; k < cellStart_.size(); ++k) cellStart_[k] += cellStart_[k - 1];
-  members_.reset(new Rect[cellStart_.back()]);
+  members_.reset(new Member[cellStart_.back()]);
   cellFill_.assign(cellStart_.size() - 1, 0);
   inserted_.reserve(n);
 }
@@ -163,7 +163,7 @@ void TouchIndex::Insert(size_t box) {
   for (int64_t y = s.y0; y <= s.y1; ++y) {
     for (int64_t x = s.x0; x <= s.x1; ++x) {
       const size_t cell = static_cast<size_t>(y * columns_ + x);
-      members_[cellStart_[cell] + cellFill_[cell]++] = rects_[box];
+      members_[cellStart_[cell] + cellFill_[cell]++] = Member{rects_[box], box};
     }
   }
 }

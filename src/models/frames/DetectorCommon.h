@@ -111,15 +111,14 @@ class TouchIndex {
   void Clear();
   void Insert(size_t box);
 
-  // Calls visit(rect) with the rect of every inserted box that may touch
-  // `box` (some more than once), until visit returns true; returns whether
-  // one did. The grid holds the rects themselves, 16 bytes each, so a walk
-  // through a crowded cell reads one contiguous run and fetches no box.
+  // Calls visit(i, rect of i) for every inserted box i that may touch `box`
+  // (some more than once), until visit returns true; returns whether one
+  // did. The rect travels with the grid so the walk need not fetch box i.
   template <typename Visit>
   bool AnyTouching(size_t box, Visit&& visit) const {
     if (span_[box].wild) {
       for (size_t i : inserted_) {
-        if (visit(rects_[i])) return true;
+        if (visit(i, rects_[i])) return true;
       }
       return false;
     }
@@ -128,19 +127,20 @@ class TouchIndex {
     for (int64_t y = span.y0; y <= span.y1; ++y) {
       for (int64_t x = span.x0; x <= span.x1; ++x) {
         const size_t cell = static_cast<size_t>(y * columns_ + x);
-        const Rect* r = members_.get() + cellStart_[cell];
-        for (const Rect* end = r + cellFill_[cell]; r != end; ++r) {
+        const Member* m = members_.get() + cellStart_[cell];
+        for (const Member* end = m + cellFill_[cell]; m != end; ++m) {
           // Positive overlap in float, as the ratio computes it: exact for
           // finite edges, and cheap enough to scan a crowded cell.
-          if (std::min(e.right, r->x + r->width) > std::max(e.left, r->x) &&
-              std::min(e.bottom, r->y + r->height) > std::max(e.top, r->y) && visit(*r)) {
+          const Rect& r = m->rect;
+          if (std::min(e.right, r.x + r.width) > std::max(e.left, r.x) &&
+              std::min(e.bottom, r.y + r.height) > std::max(e.top, r.y) && visit(m->box, r)) {
             return true;
           }
         }
       }
     }
     for (size_t i : wild_) {
-      if (visit(rects_[i])) return true;
+      if (visit(i, rects_[i])) return true;
     }
     return false;
   }
@@ -149,6 +149,10 @@ class TouchIndex {
   struct Span {
     int64_t x0 = 0, y0 = 0, x1 = -1, y1 = -1;  // cells covered; none by default
     bool wild = false;
+  };
+  struct Member {
+    Rect rect;
+    size_t box;
   };
   std::vector<Rect> rects_;
   std::vector<Edges> edges_;
@@ -160,7 +164,7 @@ class TouchIndex {
   // cellStart_[k + 1]); the first cellFill_[k] are inserted.
   std::vector<size_t> cellStart_;
   std::vector<size_t> cellFill_;
-  std::unique_ptr<Rect[]> members_;  // left uninitialised: filled before read
+  std::unique_ptr<Member[]> members_;  // left uninitialised: filled before read
 };
 
 template <typename Box>

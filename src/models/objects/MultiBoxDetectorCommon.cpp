@@ -138,7 +138,7 @@ void RemoveOverlappingBoxes(std::vector<BoundingBoxClasses>& candidates, float o
   std::vector<bool> cleared(candidates.size(), false);
   for (size_t j : order) {
     const DetectorCommon::Rect& later = index.RectOf(j);
-    cleared[j] = index.AnyTouching(j, [&](const DetectorCommon::Rect& earlier) {
+    cleared[j] = index.AnyTouching(j, [&](size_t, const DetectorCommon::Rect& earlier) {
       return DetectorCommon::IntersectionRatio(earlier, later) >= overlapThreshold;
     });
     index.Insert(j);

@@ -120,7 +120,7 @@ void QueueMultiBox3Processor::RemoveOverlappingBoxes(std::vector<BoundingBoxClas
         if (holdsClass && (score != 0.0f || std::signbit(score))) {
           const DetectorCommon::Rect& later = keepers.RectOf(j);
           const bool cleared =
-              keepers.AnyTouching(j, [&](const DetectorCommon::Rect& keeper) {
+              keepers.AnyTouching(j, [&](size_t, const DetectorCommon::Rect& keeper) {
                 return DetectorCommon::IntersectionRatio(keeper, later) >= overlapThreshold;
               });
           if (cleared) other.classes[static_cast<size_t>(c)] = 0.0f;
